@@ -1,0 +1,142 @@
+// The logger: two process-wide logs (the application log and the alert log),
+// one line buffer, levels tested before anything is formatted.
+#pragma once
+
+#include <sys/types.h>
+#include <cstdint>
+#include <cstdio>
+
+#include "vrtypes.h"
+
+enum : int {
+    MIN_level = -127,  // lines without a level tag (the alert log)
+    PANIC_level = -4,
+    ERR_level = -3,
+    CRIT_level = -2,
+    WARN_level = -1,
+    NORM_level = 0,
+    INFO_level = 1,
+    DEBUG_level = 2,
+    SECTION_level = 64,
+};
+
+constexpr int LL_MAX_MODULES = 128;
+constexpr int LL_MAX_SECTIONS = 128;
+constexpr int LL_STACK_DEPTH = 8;
+constexpr size_t LOG_PATHNAME_MAX = 128;
+constexpr size_t LOG_GRP_MAX = 32;
+constexpr size_t LOG_ERRMSG_MAX = 256;
+constexpr size_t LOG_OUTBUF_SZ = 2048;
+
+constexpr uint32_t F_APPEND_OLD = 1;
+
+// Module numbers of the level table: units with a module of their own can be
+// switched apart from the rest.
+enum : int {
+    LLMOD_DEFAULT = 0,
+    LLMOD_SYSWRAP = 2,
+    LLMOD_RTP = 3,
+    LLMOD_FDIO = 4,
+    LLMOD_DSTREAM = 7,
+};
+
+struct ll_status {
+    unsigned mod_ll_set : 1;
+    unsigned sec_ll_set : 1;
+};
+
+struct log_ctx {
+    char name[LOG_PATHNAME_MAX];
+    unsigned is_pipe : 1;
+    unsigned use_syslog : 1;
+    uint32_t time_format;
+    FILE* fp;
+    FILE* mirror_fp;
+    size_t total_out;
+    ll_status llst;
+    pid_t pid;
+    n64_tag group;
+};
+
+struct log_module_ctx {
+    bool is_ready;
+    char app_tag[128];
+};
+
+// A unit's module and section numbers; each unit declares its own g_llctx
+// through LOG_UNIT.
+struct loglevel_ctx {
+    int mod;
+    int sec;
+    int sec_sp;
+    int sec_stack[LL_STACK_DEPTH];
+};
+
+extern log_ctx g_log;         // application log
+extern log_ctx g_access_log;  // alert log
+extern log_module_ctx g_logmod;
+extern int g_mod_ll[LL_MAX_MODULES];
+extern int g_sec_ll[LL_MAX_SECTIONS];
+
+// Setting up.
+void glog_init(const char* app_tag);
+void log_default(log_ctx* log, FILE* fp);
+int log_open_ex(log_ctx* log, const char* filename, uint32_t flags);
+int log_popen(log_ctx* log, const char* cmd);
+void log_mirror(log_ctx* log, FILE* fp);
+void log_timefmt(log_ctx* log, uint32_t tfmt);
+void log_set_pid(log_ctx* log, pid_t pid);
+pid_t log_get_pid(const log_ctx* log);
+void log_set_group(log_ctx* log, uint64_t group);
+uint64_t log_get_group(const log_ctx* log);
+void log_close(log_ctx* log);
+void glog_enable_syslog(const char* app);
+void glog_disable_syslog();
+
+// Levels.
+void log_set_modules(log_ctx* log, int level);
+void log_set_sections(log_ctx* log, int level);
+void log_push_mlevels();
+void log_pop_mlevels();
+int match_log_level(const char* str, int* level);
+const char* log_level_str(int level);
+int read_level_env(const char* varname, int default_level);
+
+// Access.
+FILE* log_fp(log_ctx* log);
+FILE* log_mirror_fp(log_ctx* log);
+
+// Writing: used through LOG_AT, or directly for the alert log.
+void logbuf_reset();
+bool logbuf_empty();
+const char* logbuf_text();
+int logbuf_prepare(log_ctx* log, int level, const char* fmt, ...) VRX_PRINTF(3, 4);
+void log_flush(log_ctx* log, int level);
+
+// The seam at which a back trace can be added: this build has none.
+int btrace_to_buf(char* buf, size_t buflen);
+int snprintf_btrace(char* buf, size_t buflen, const char* fmt, ...) VRX_PRINTF(3, 4);
+
+[[noreturn]] void log_assert_fail(int module, const char* func, const char* file, int line);
+
+#define LOG_UNIT(module) [[maybe_unused]] static constexpr loglevel_ctx g_llctx{module, 0, 0, {}}
+
+// The one way code logs: the level test stands before composition, so a
+// message under the level costs one comparison and its arguments are not
+// evaluated.
+#define LOG_AT(level, fmt, ...)                                                          \
+    do {                                                                                 \
+        logbuf_reset();                                                                  \
+        if (g_mod_ll[g_llctx.mod] >= (level)) {                                          \
+            if (logbuf_empty())                                                          \
+                logbuf_prepare(&g_log, (level), fmt __VA_OPT__(, ) __VA_ARGS__);         \
+            log_flush(&g_log, (level));                                                  \
+        }                                                                                \
+    } while (0)
+
+// The logged assertion: a back trace at PANIC, the log flushed, then abort.
+#define LOG_ASSERT(cond)                                                                 \
+    do {                                                                                 \
+        if (!(cond)) [[unlikely]]                                                        \
+            log_assert_fail(g_llctx.mod, __func__, __FILE__, __LINE__);                  \
+    } while (0)

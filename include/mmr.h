@@ -1,0 +1,58 @@
+// The ring cache: one shared-memory object mapped twice, back to back, with a
+// dead page behind, so any run of up to buflen bytes from inside the ring is
+// one contiguous range of addresses, across the wrap.
+#pragma once
+
+#include <sys/types.h>
+#include <sys/uio.h>
+#include <cstddef>
+#include <cstdint>
+
+#include "vrtypes.h"
+
+using mmr_t = void*;
+
+// A place to write (from mmr_iget) or a piece just written (to mmr_iput).
+struct mm_point {
+    off_t pos;
+    size_t len;
+};
+
+struct mm_info {
+    size_t pld_size;
+    n32_tag stype;
+    size_t ts_len;
+    uint64_t first_pktnum;
+    uint64_t last_pktnum;
+};
+
+struct mm_opt {
+    bool no_mtu_pack;  // read a TS stream out one packet per record
+};
+
+enum : uint32_t {
+    MMR_CAP_VERBOSE = 1,
+    MMR_OGET_VERBOSE = 2,
+    MMR_OPUT_VERBOSE = 4,
+};
+
+constexpr size_t MAX_TS_LEN = 214;
+constexpr uint8_t TS_SYNC = 71;
+constexpr size_t SNAME_LEN = 128;
+
+extern uint32_t g_verbosity;
+extern int g_mmr_count;
+
+void mmr_set_verbosity(uint32_t level);
+int mmr_create(mmr_t* pring, size_t bufsz);
+void mmr_destroy(mmr_t ring);
+uint8_t* mmr_iget(mmr_t ring, mm_point* pt);
+int mmr_iput_ex(mmr_t ring, mm_point* pt, bool is_dgram);
+int mmr_iput(mmr_t ring, mm_point* pt);
+ssize_t mmr_oput(mmr_t ring, const iovec* iov, size_t count);
+ssize_t mmr_snapshot(mmr_t ring, int fd);
+int mmr_get_info(mmr_t ring, mm_info* info);
+void mmr_add_pkts(mmr_t ring, size_t npkts);
+uint64_t mmr_adjust_pktnum(mmr_t ring, uint64_t new_first_idx);
+void mmr_get_opt(mmr_t ring, mm_opt* opt);
+void mmr_set_opt(mmr_t ring, const mm_opt* opt);

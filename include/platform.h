@@ -1,0 +1,37 @@
+// Every difference between the platforms we run on stands behind one of
+// these functions; each platform has one file of its own (lib/platform_*.cpp),
+// picked by the build.
+#pragma once
+
+#include <sys/types.h>
+#include <sys/uio.h>
+#include <cstddef>
+
+// Text naming the platform this binary was built for, e.g. "Linux 6.1 (x86_64)".
+const char* plat_build_system();
+
+// Prints "Assertion failed: (%s), function %s, file %s, line %d.\n" to
+// standard error and aborts: one form of failed assertion on every platform.
+[[noreturn]] void plat_assert_fail(const char* func, const char* file, int line, const char* expr);
+
+// Makes getopt_long start over on the same arguments.
+void plat_getopt_reset();
+
+// Binds the process to one processor; 0 or -1 with errno.
+int plat_pin_to_cpu(int cpunum);
+
+// Header and trailer vectors sent around a file by plat_sendfile; the layout
+// of the BSD struct sf_hdtr.
+struct sf_hdtr_t {
+    iovec* headers;
+    int hdr_cnt;
+    iovec* trailers;
+    int trl_cnt;
+};
+
+// The BSD form of sendfile: headers, then count bytes of in_fd from offset
+// (0 = up to its end), then trailers, all to out_fd. 0 on success, else -1
+// with errno. *sbytes (if given) receives the bytes sent either way, so a
+// non-blocking send that moved only part reads -1, EAGAIN, *sbytes > 0.
+int plat_sendfile(int in_fd, int out_fd, off_t offset, size_t count, sf_hdtr_t* hdtr, off_t* sbytes,
+                  int flags);

@@ -1,0 +1,189 @@
+// The capture loop: the source is read straight into the ring, one read a turn.
+#include <sys/socket.h>
+#include <unistd.h>
+#include <cstdlib>
+#include <cerrno>
+#include <cstring>
+
+#include "kst.h"
+#include "log.h"
+#include "syswrap.h"
+#include "uri.h"
+#include "util.h"
+#include "vrassert.h"
+
+LOG_UNIT(LLMOD_DEFAULT);
+
+ksti_ctx g_ctx;
+ksti_cfg g_cfg;
+const char* g_sysw_debug = nullptr;
+const char* const g_app_name = "kst";
+volatile sig_atomic_t g_snapshot = 0;
+volatile sig_atomic_t g_snapalarm = 0;
+
+bool is_dgram_kind(int kind)
+{
+    // URI_UDP (2) and URI_RTP (3).
+    return (kind & ~1) == 2;
+}
+
+namespace {
+
+// Opens the source with the ring's first write area lent to it, so bytes
+// that arrive behind a protocol head land in the ring in place.
+int open_source(mm_point* pt)
+{
+    g_ctx.uc = usock_ctx{};
+    g_ctx.ssock = -1;
+    g_ctx.uc.inbound = true;
+    g_ctx.uc.non_blocking = false;
+    g_ctx.uc.ifc_tag = g_cfg.mcast_ifc;
+    g_ctx.uc.timeout_ms = 0;
+
+    uint8_t* dest = mmr_iget(g_ctx.mmr, pt);
+    if (dest == nullptr) {
+        LOG_AT(ERR_level, "%s: out of MMR space\n", "init_ksti_ctx");
+        return ENOMEM;
+    }
+    VRX_ASSERT(pt->len >= TAILBUF_SIZE);
+    g_ctx.uc.buf = reinterpret_cast<char*>(dest);
+    g_ctx.uc.bufcap = pt->len;
+
+    usock_set_apptag(g_app_name);
+    g_ctx.ssock = usock_open(g_cfg.src_url, &g_ctx.uc);
+    if (g_ctx.ssock == -1)
+        return -1;
+
+    g_ctx.mode = is_dgram_kind(g_ctx.uc.url_kind) ? SM_PKT : SM_STM;
+    LOG_AT(DEBUG_level, "%s: mode=%s\n", "init_ksti_ctx", g_ctx.mode.sym);
+
+    if (g_ctx.uc.buflen != 0) {
+        VRX_ASSERT(SM_STM.num == g_ctx.mode.num);
+        LOG_AT(DEBUG_level, "%s: joining HTTP tail of %zu bytes\n", "init_ksti_ctx", g_ctx.uc.buflen);
+        pt->len = g_ctx.uc.buflen;
+        int rc = mmr_iput(g_ctx.mmr, pt);
+        if (rc != 0) {
+            LOG_AT(ERR_level, "%s: failed to join HTTP tail of %zu bytes, rc=%d\n", "init_ksti_ctx",
+                   g_ctx.uc.buflen, rc);
+            return rc;
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+int init_ksti_ctx()
+{
+    VRX_ASSERT(!g_ctx.is_ready);
+
+    int rc = dir_check(g_cfg.snap_dir, true);
+    if (rc != 0)
+        return rc;
+
+    rc = mmr_create(&g_ctx.mmr, g_cfg.cache_sz_mb * BYTES_IN_MB);
+    if (rc != 0)
+        return rc;
+
+    mm_point pt{};
+    rc = open_source(&pt);
+    // The ring's memory was only lent for the opening.
+    g_ctx.uc.buf = nullptr;
+    g_ctx.uc.bufcap = 0;
+    return rc;
+}
+
+void destroy_ksti_ctx()
+{
+    // The source goes before the ring that it feeds.
+    if (g_ctx.ssock >= 0) {
+        usock_close(g_ctx.ssock, &g_ctx.uc);
+        g_ctx.ssock = -1;
+    }
+    if (g_ctx.mmr != nullptr) {
+        mmr_destroy(g_ctx.mmr);
+        g_ctx.mmr = nullptr;
+    }
+    if (g_ctx.abuf != nullptr) {
+        free(g_ctx.abuf);
+        g_ctx.abuf = nullptr;
+        g_ctx.abuf_len = 0;
+    }
+}
+
+void app_shutdown()
+{
+    LOG_AT(DEBUG_level, "%s: begins\n", "app_shutdown");
+    g_ctx.is_ready = false;
+    destroy_ksti_ctx();
+    LOG_AT(NORM_level, "%s shut down\n", g_app_name);
+}
+
+int run_app()
+{
+    mm_point pt{};
+    int rc = 0;
+    const char* where = "";
+    bool interrupted = false;
+    uint8_t* dest = nullptr;
+    const bool pkt_mode = (g_ctx.mode.num == SM_PKT.num);
+
+    LOG_AT(NORM_level, "Reading (%s) from fd%d [%s]\n", g_ctx.mode.sym, g_ctx.ssock, g_cfg.src_url);
+    mmr_set_verbosity(0);
+
+    while (!g_quit) {
+        if (interrupted) {
+            // The interrupted read is repeated into the same area.
+            LOG_AT(DEBUG_level, "%s: re-reading after an interrupt\n", "run_app");
+            interrupted = false;
+        } else {
+            dest = mmr_iget(g_ctx.mmr, &pt);
+            if (dest == nullptr || pt.len < MIN_MINREAD_BYTES) {
+                LOG_AT(ERR_level, "%s: not enough space: buf=%p, avail=%zu bytes\n", "run_app", (void*)dest,
+                       pt.len);
+                where = "mmr_iget";
+                break;
+            }
+        }
+
+        ssize_t nread = pkt_mode ? recv(g_ctx.ssock, dest, pt.len, 0)
+                                 : W_read_f("run_app", g_ctx.ssock, dest, pt.len, 0);
+        if (nread <= 0) {
+            // The end of a stream and an empty datagram take the road of a
+            // failure; errno is taken as the last call left it.
+            const int err = errno;
+            where = "recv/Read_f";
+            if (err == EINTR) {
+                rc = 0;
+                if (g_quit)
+                    break;
+                LOG_AT(DEBUG_level, "%s: moving on after interrupt, sshot=%d/salrm=%d, quit=%d\n", "run_app",
+                       (int)g_snapshot, (int)g_snapalarm, (int)g_quit);
+                interrupted = true;
+                continue;
+            }
+            if (pkt_mode)
+                LOG_AT(ERR_level, "%s: recv(fd%d,...) rc=%zd ERROR(%d): %s\n", "run_app", g_ctx.ssock, nread,
+                       err, strerror(err));
+            rc = (err != 0) ? err : -1;
+            if (err == ETIMEDOUT)
+                LOG_AT(ERR_level, "READ-TIME-OUT on fd%d, quitting the loop\n", g_ctx.ssock);
+            break;
+        }
+
+        pt.len = (size_t)nread;
+        rc = mmr_iput(g_ctx.mmr, &pt);
+        if (rc != 0) {
+            where = "mmr_iput";
+            break;
+        }
+        where = "#unknown#";
+        rc = 0;
+    }
+
+    if (rc != 0)
+        LOG_AT(ERR_level, "%s: stopped reading due to error in [%s], rc=%d\n", "run_app", where, rc);
+    else
+        LOG_AT(INFO_level, "%s: done reading from source fd%d, quit=%d\n", "run_app", g_ctx.ssock, (int)g_quit);
+    return rc;
+}

@@ -1,0 +1,87 @@
+// The tool's run-time state and settings, and the steps of its life.
+#pragma once
+
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+
+#include "config.h"
+#include "mmr.h"
+#include "vrtypes.h"
+#include "wopen.h"
+
+constexpr size_t MAX_CACHESZ_MB = 2048;
+constexpr size_t MAX_TAIL_MB = 682;
+constexpr size_t D_MINREAD_BYTES = 4096;
+constexpr size_t MIN_MINREAD_BYTES = 1400;
+constexpr size_t TAILBUF_SIZE = 1024;
+constexpr size_t MAX_USOCK_SZ = 104;
+
+constexpr int D_KST_MAX_LOGSZ = 4;
+constexpr int D_KST_MAX_FILES = 4;
+constexpr size_t D_KST_CACHE_MB = 8;
+constexpr size_t D_KST_TAIL_MB = 2;
+constexpr size_t D_KST_TAIL_MS = 1000;
+constexpr int D_KST_READ_TMOUT_MS = 0;
+
+// Reading modes: one datagram a read, or a byte stream.
+inline constexpr n32_tag SM_PKT = mk_n32_tag("PKT");
+inline constexpr n32_tag SM_STM = mk_n32_tag("STM");
+
+struct ksti_ctx {
+    bool is_ready;
+    usock_ctx uc;
+    int ssock;
+    n32_tag mode;
+    mmr_t mmr;
+    bool waiting_alarm;
+    bool must_count_tail;
+    size_t tail_size;
+    uint8_t* abuf;
+    size_t abuf_len;
+    time_t config_load_tm;
+    time_t config_mtime;
+};
+
+struct ksti_cfg {
+    char config_path[FILE_PATH_MAX];
+    log_cfg log;
+    log_cfg alert_log;
+    rt_cfg rt;
+    char src_url[FILE_PATH_MAX];
+    int read_tmout_ms;
+    size_t cache_sz_mb;
+    size_t tail_sz_mb;
+    size_t tail_tm_ms;
+    char mcast_ifc[16];
+    size_t min_read_bytes;
+    char snap_dir[FILE_PATH_MAX];
+    char snap_pfx[16];
+    size_t report_tput_sec;
+    uint64_t pkt_reset_idx;
+    size_t reload_period;
+    bool use_http10_get;
+    bool lost_sync_alert;
+    unsigned int instance_num;
+};
+
+extern ksti_ctx g_ctx;
+extern ksti_cfg g_cfg;
+extern const char* g_sysw_debug;  // SYSW_DEBUG as the process found it
+extern const char* const g_app_name;
+extern volatile sig_atomic_t g_snapshot;   // a snapshot was asked for
+extern volatile sig_atomic_t g_snapalarm;  // the tail's time is up
+
+// Options and settings.
+void init_ksti_config(ksti_cfg* cfg);
+int setup_config(int argc, char* const argv[]);
+int get_tail_params(const char* param);
+[[noreturn]] void usage();
+
+// Start, capture and stop.
+bool is_dgram_kind(int kind);
+int init_ksti_ctx();
+void destroy_ksti_ctx();
+int run_app();
+void app_shutdown();

@@ -1,0 +1,93 @@
+// Entry: from the command line to the capture loop and back to an exit code.
+#include <unistd.h>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+#include "kst.h"
+#include "log.h"
+#include "meta.h"
+#include "util.h"
+
+LOG_UNIT(LLMOD_DEFAULT);
+
+namespace {
+
+void exit_on_sig(int signo)
+{
+    g_sigctx = 1;
+    g_quit = 1;
+    if (signo == SIGINT || signo == SIGTERM)
+        g_goodbye = 1;
+    LOG_AT(NORM_level, "Received QUIT-SIG(%d), will exit now.\n", signo);
+    g_sigctx = 0;
+}
+
+// Opens a log on a file, or on a command when the path starts with '|'.
+int open_log(log_ctx* log, const char* path, uint32_t flags)
+{
+    return (path[0] == '|') ? log_popen(log, path + 1) : log_open_ex(log, path, flags);
+}
+
+int runtime_setup()
+{
+    char cwd[256] = {};
+
+    (void)get_app_tag(g_app_name);
+    log_default(&g_log, stderr);
+    log_default(&g_access_log, stdout);
+    log_set_pid(&g_log, getpid());
+    (void)set_unlimited_core(nullptr);
+
+    if (handle_quit_signals(exit_on_sig) != 0)
+        return -1;
+
+    int rc = 0;
+    if (g_cfg.log.path[0] != '\0') {
+        rc = open_log(&g_log, g_cfg.log.path, 0);
+        if (rc == 0)
+            log_set_pid(&g_log, getpid());
+    }
+    if (rc == 0 && g_cfg.alert_log.path[0] != '\0')
+        rc = open_log(&g_access_log, g_cfg.alert_log.path, F_APPEND_OLD);
+
+    if (rc != 0) {
+        LOG_AT(ERR_level, "%s: FAILED (rc=%d)\n", "runtime_setup", rc);
+        return rc;
+    }
+    LOG_AT(INFO_level, "Runtime pid=%ld uid/gid = %ld/%ld running in [%s]\n", (long)getpid(), (long)geteuid(),
+           (long)getegid(), cwd);
+    LOG_AT(DEBUG_level, "%s: OK\n", "runtime_setup");
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[])
+{
+    g_sysw_debug = getenv("SYSW_DEBUG");
+    if (argc <= 1)
+        usage();
+
+    setup_config(argc, argv);
+
+    int rc = runtime_setup();
+    if (rc == 0) {
+        if (!g_cfg.rt.quiet && g_cfg.rt.non_daemon && g_cfg.log.path[0] != '\0')
+            log_mirror(&g_log, stderr);
+        LOG_AT(NORM_level, "%s STARTING. PID=%ld\n", get_app_info(g_app_name, nullptr), (long)getpid());
+
+        rc = init_ksti_ctx();
+        if (rc == 0) {
+            g_ctx.is_ready = true;
+            rc = run_app();
+        }
+    }
+
+    app_shutdown();
+    rc = abs(rc);
+    LOG_AT(NORM_level, "%s EXIT(%d). PID=%ld\n", get_app_info(g_app_name, nullptr), rc, (long)getpid());
+    log_close(&g_log);
+    log_close(&g_access_log);
+    return rc;
+}

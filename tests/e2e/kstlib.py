@@ -1,0 +1,106 @@
+"""Shared helpers for the end-to-end tests: run the real kst binary, make
+real streams with ffmpeg, wait for things with a deadline."""
+import os
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+import unittest
+
+KST = os.environ.get("KST_BIN", os.path.join(os.path.dirname(__file__), "../../build/kst"))
+TS_PKT = 188
+
+
+def need(tool):
+    if shutil.which(tool) is None:
+        raise unittest.SkipTest(f"{tool} is not installed (scripts/test installs it)")
+
+
+def make_ts(path, seconds=2, video="mpeg2video", audio="mp2", size="320x240", rate=25):
+    """A real transport stream from ffmpeg's test sources."""
+    need("ffmpeg")
+    cmd = ["ffmpeg", "-hide_banner", "-loglevel", "error", "-y",
+           "-f", "lavfi", "-i", f"testsrc=size={size}:rate={rate}",
+           "-f", "lavfi", "-i", "sine=frequency=1000:sample_rate=48000",
+           "-t", str(seconds), "-c:v", video]
+    cmd += ["-c:a", audio] if audio else ["-an"]
+    cmd += ["-f", "mpegts", path]
+    subprocess.run(cmd, check=True, timeout=120)
+    return path
+
+
+def wait_for(pred, timeout=10.0, step=0.02):
+    """Polls pred until it is true or the deadline passes; returns its last value."""
+    deadline = time.monotonic() + timeout
+    while True:
+        v = pred()
+        if v or time.monotonic() > deadline:
+            return v
+        time.sleep(step)
+
+
+def read_text(path):
+    try:
+        with open(path, "r", errors="replace") as f:
+            return f.read()
+    except FileNotFoundError:
+        return ""
+
+
+def shm_name(pid, n=1):
+    return f"/dev/shm/mmr.{pid}.{n}"
+
+
+def strip_prefix(line):
+    """The message part of a log line: what follows the level tag's two blanks
+    and, if present, the group's."""
+    for tag in ("(PNC)", "(ERR)", "(CRI)", "(WRN)", "(NRM)", "(INF)", "(DBG)"):
+        i = line.find(tag + "  ")
+        if i >= 0:
+            rest = line[i + len(tag) + 2:]
+            if rest.startswith("KSTI  "):
+                rest = rest[len("KSTI  "):]
+            return tag + " " + rest
+    return line
+
+
+def messages(text):
+    return [strip_prefix(l) for l in text.splitlines()]
+
+
+def run_kst(args, timeout=30, env=None, cwd=None):
+    full_env = dict(os.environ)
+    if env:
+        full_env.update(env)
+    return subprocess.run([KST] + args, capture_output=True, text=True, errors="replace",
+                          timeout=timeout, env=full_env, cwd=cwd)
+
+
+class KstTestCase(unittest.TestCase):
+    def setUp(self):
+        self.dir = tempfile.mkdtemp(prefix="kst-e2e-")
+        self.procs = []
+
+    def tearDown(self):
+        for p in self.procs:
+            if p.poll() is None:
+                p.kill()
+                p.wait(timeout=10)
+        shutil.rmtree(self.dir, ignore_errors=True)
+
+    def path(self, name):
+        return os.path.join(self.dir, name)
+
+    def start_kst(self, args, env=None):
+        full_env = dict(os.environ)
+        if env:
+            full_env.update(env)
+        p = subprocess.Popen([KST] + args, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                             text=True, errors="replace", env=full_env)
+        self.procs.append(p)
+        return p
+
+    def assertNoShmLeft(self, pid):
+        self.assertFalse(any(n.startswith(f"mmr.{pid}.") for n in os.listdir("/dev/shm")),
+                         f"shared memory of pid {pid} left behind")

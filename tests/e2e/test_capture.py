@@ -1,0 +1,223 @@
+"""The capture spine end to end: a source read straight into the ring in
+shared memory, the ways out, and what each leaves behind."""
+import os
+import signal
+import unittest
+
+from kstlib import (KstTestCase, make_ts, messages, read_text, run_kst, shm_name, wait_for)
+
+
+class EntryTest(KstTestCase):
+    def test_no_argument_prints_usage_and_exits_1(self):
+        r = run_kst([])
+        self.assertEqual(r.returncode, 1)
+        self.assertEqual(r.stdout, "")
+        lines = r.stderr.split("\n")
+        self.assertRegex(lines[0], r"^kst \(Stream snapshot manager\) 0\.1-9\.2 \(morvane\) regular \[.+\] \d{8}; built on 2018-01-22$")
+        self.assertEqual(lines[1], "Usage: kst -i {source} OPTIONS ")
+        self.assertIn("  -h|?|--help                 = output this option guide\n\n----\nlibvrx/1.5-5.20 (c28edb42) @", r.stderr)
+        self.assertTrue(r.stderr.endswith(" [-ggdb3]\n----\n\nkst is part of Morvane, a family of stream tools.\n\n"))
+        self.assertEqual(os.listdir("/dev/shm").count("mmr"), 0)
+
+    def test_version_prints_identity_and_exits_1(self):
+        r = run_kst(["-V", "-i", "file:///x"])
+        self.assertEqual(r.returncode, 1)
+        self.assertRegex(r.stderr, r"^kst \(Stream snapshot manager\) 0\.1-9\.2 \(morvane\) regular \[Linux .+ - .+/.+\] \d{8}; built on 2018-01-22\n$")
+
+    def test_missing_source_is_refused(self):
+        r = run_kst(["-T"])
+        self.assertEqual(r.returncode, 1)
+        self.assertTrue(r.stderr.endswith("Source URL must be specified, run " + os.environ.get("KST_BIN", "kst") + " --help for options\n")
+                        or "Source URL must be specified, run " in r.stderr)
+
+
+class FileSourceTest(KstTestCase):
+    def test_a_real_stream_is_read_to_its_end(self):
+        ts = make_ts(self.path("a.ts"), seconds=2)
+        r = run_kst(["-T", "-i", "file://" + ts])
+        msgs = messages(r.stderr)
+        self.assertIn(f"(NRM) Reading (STM) from fd3 [file://{ts}]", msgs)
+        # The end of a file takes the road of a failure, with errno as it stands.
+        stops = [m for m in msgs if m.startswith("(ERR) run_app: stopped reading due to error in [recv/Read_f], rc=")]
+        self.assertEqual(len(stops), 1, r.stderr)
+        rc = int(stops[0].rsplit("=", 1)[1])
+        self.assertNotEqual(rc, 0)
+        self.assertEqual(r.returncode, abs(rc) & 0xff)
+        self.assertIn("(NRM) kst shut down", msgs)
+        self.assertRegex(msgs[-1], r"^\(NRM\) kst \(Stream snapshot manager\) .* EXIT\(%d\)\. PID=\d+$" % abs(rc))
+        self.assertRegex(r.stderr.splitlines()[0], r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \S+ \d+  \(INF\)  KSTI  Runtime pid=\d+ uid/gid = \d+/\d+ running in \[\]$")
+
+    def test_ring_holds_what_fits_and_stops_cleanly_when_full(self):
+        # Without eviction a source larger than the ring fills it; the loop
+        # then stops with code 0.
+        ts = self.path("big.ts")
+        with open(ts, "wb") as f:
+            f.write(bytes(range(256)) * (3 * 4096))
+        r = run_kst(["-T", "-E", "1", "-i", "file://" + ts])
+        msgs = messages(r.stderr)
+        self.assertIn("(ERR) run_app: not enough space: buf=(nil), avail=1048576 bytes", msgs)
+        self.assertIn("(INF) run_app: done reading from source fd3, quit=0", msgs)
+        self.assertEqual(r.returncode, 0)
+
+    def test_missing_file_logs_the_open_and_exits_1(self):
+        r = run_kst(["-T", "-i", "file:///nonexistent-dir/none.ts"])
+        msgs = messages(r.stderr)
+        self.assertIn("(ERR) usock_open: open('/nonexistent-dir/none.ts', 0, 0x0) ERROR(2): No such file or directory", msgs)
+        self.assertEqual(r.returncode, 1)
+        self.assertRegex(msgs[-1], r"EXIT\(1\)\. PID=\d+$")
+
+    def test_relative_file_url_is_relative_to_the_working_directory(self):
+        with open(self.path("rel.ts"), "wb") as f:
+            f.write(b"\x47" + bytes(187))
+        r = run_kst(["-T", "-i", "file://rel.ts"], cwd=self.dir)
+        self.assertIn("(NRM) Reading (STM) from fd3 [file://rel.ts]", messages(r.stderr))
+
+    def test_a_directory_as_source_fails_at_the_read(self):
+        r = run_kst(["-T", "-i", "file://" + self.dir])
+        msgs = messages(r.stderr)
+        self.assertTrue(any(m.startswith("(ERR) run_app: read(3, 0x") and m.endswith(", 8388608) ERROR(21): Is a directory") for m in msgs), r.stderr)
+        self.assertIn("(ERR) run_app: stopped reading due to error in [recv/Read_f], rc=21", msgs)
+        self.assertEqual(r.returncode, 21)
+
+    def test_unknown_scheme_is_refused(self):
+        r = run_kst(["-T", "-i", "/plain/path.ts"])
+        self.assertIn("(ERR) uri_extract: error parsing URI: [/plain/path.ts]", messages(r.stderr))
+        self.assertEqual(r.returncode, 1)
+
+    def test_sysw_debug_turns_on_the_wrappers_debug_lines(self):
+        ts = self.path("s.ts")
+        with open(ts, "wb") as f:
+            f.write(b"\x47" + bytes(187))
+        on = run_kst(["-T", "-i", "file://" + ts], env={"SYSW_DEBUG": "1"})
+        self.assertIn("(DBG) usock_close: CLOSED(fd3)", messages(on.stderr))
+        for value in ("2", "true", ""):
+            off = run_kst(["-T", "-i", "file://" + ts], env={"SYSW_DEBUG": value})
+            self.assertNotIn("CLOSED(fd3)", off.stderr, value)
+
+
+class FifoSourceTest(KstTestCase):
+    """A FIFO given as file:// blocks in read, like a live source."""
+
+    def start_on_fifo(self, extra=()):
+        fifo = self.path("live.fifo")
+        os.mkfifo(fifo)
+        log = self.path("kst.log")
+        p = self.start_kst(["-T", "-q", "-l", log, "-i", "file://" + fifo] + list(extra))
+
+        def open_writer():
+            try:
+                return os.open(fifo, os.O_WRONLY | os.O_NONBLOCK)
+            except OSError:
+                return None
+        w = wait_for(open_writer, timeout=10)
+        self.assertIsNotNone(w, "kst never opened the FIFO")
+        os.set_blocking(w, True)
+        self.assertTrue(wait_for(lambda: "Reading (STM)" in read_text(log), timeout=10))
+        return p, w, log
+
+    def test_bytes_go_straight_into_the_shared_ring(self):
+        ts = make_ts(self.path("a.ts"), seconds=1)
+        with open(ts, "rb") as f:
+            data = f.read()
+        p, w, log = self.start_on_fifo()
+        os.write(w, data)
+        shm = shm_name(p.pid)
+
+        def ring_has_it():
+            with open(shm, "rb") as f:
+                return f.read(len(data)) == data
+        self.assertTrue(wait_for(ring_has_it, timeout=10), "ring does not hold the stream's bytes")
+        p.send_signal(signal.SIGTERM)
+        self.assertEqual(p.wait(timeout=10), 0)
+        os.close(w)
+        self.assertFalse(os.path.exists(shm))
+
+    def quit_during_blocking_read(self, sig):
+        p, w, log = self.start_on_fifo()
+        shm = shm_name(p.pid)
+        self.assertTrue(os.path.exists(shm))
+        p.send_signal(sig)
+        self.assertEqual(p.wait(timeout=10), 0)
+        os.close(w)
+        text = read_text(log)
+        msgs = messages(text)
+        self.assertNotIn("(ERR)", text)
+        self.assertIn(f"(NRM) Received QUIT-SIG({int(sig)}), will exit now.", msgs)
+        self.assertIn("(INF) run_app: done reading from source fd3, quit=1", msgs)
+        self.assertIn("(NRM) kst shut down", msgs)
+        self.assertRegex(msgs[-1], r"EXIT\(0\)\. PID=%d$" % p.pid)
+        self.assertFalse(os.path.exists(shm))
+        self.assertEqual(p.stderr.read(), "")  # -q: no mirror on the console
+
+    def test_sigterm_during_blocking_read_is_a_clean_stop(self):
+        self.quit_during_blocking_read(signal.SIGTERM)
+
+    def test_sigint_during_blocking_read_is_a_clean_stop(self):
+        self.quit_during_blocking_read(signal.SIGINT)
+
+    def test_sigquit_during_blocking_read_is_a_clean_stop(self):
+        self.quit_during_blocking_read(signal.SIGQUIT)
+
+    def test_log_file_is_mirrored_on_the_console_unless_quiet(self):
+        fifo = self.path("m.fifo")
+        os.mkfifo(fifo)
+        log = self.path("m.log")
+        p = self.start_kst(["-T", "-l", log, "-i", "file://" + fifo])
+        w = wait_for(lambda: _try_open_writer(fifo), timeout=10)
+        self.assertIsNotNone(w)
+        self.assertTrue(wait_for(lambda: "Reading (STM)" in read_text(log), timeout=10))
+        os.close(w)  # end of stream
+        p.wait(timeout=10)
+        console = p.stderr.read()
+        self.assertIn("Reading (STM) from fd3", console)
+        # The mirror starts once the log file is open.
+        self.assertNotIn("Runtime pid=", console)
+        self.assertIn("Runtime pid=", read_text(log))
+
+
+class LogDestinationTest(KstTestCase):
+    def test_log_path_that_cannot_be_opened(self):
+        r = run_kst(["-T", "-l", "/nonexistent-dir/kst.log", "-i", "file:///dev/null"])
+        self.assertEqual(r.returncode, 1)
+        lines = r.stderr.splitlines()
+        self.assertEqual(lines[0], f"do_open: uid/gig={os.geteuid()}/{os.getegid()} fopen(/nonexistent-dir/kst.log) ERROR(2): No such file or directory")
+        self.assertEqual(strip(lines[1]), "(ERR) runtime_setup: FAILED (rc=-1)")
+        self.assertEqual(strip(lines[-1])[:6], "(NRM) ")
+        self.assertRegex(lines[-1], r"EXIT\(1\)\. PID=\d+$")
+
+    def test_log_into_a_command(self):
+        out = self.path("piped.log")
+        ts = self.path("p.ts")
+        with open(ts, "wb") as f:
+            f.write(b"\x47" + bytes(187))
+        r = run_kst(["-T", "-q", "-l", f"|cat > {out}", "-i", "file://" + ts])
+        self.assertEqual(r.stderr, "")
+        text = read_text(out)
+        self.assertIn("Reading (STM) from fd3", text)
+        self.assertRegex(text.splitlines()[-1], r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \S+ \d+  \(NRM\)  KSTI  kst \(Stream snapshot manager\) .* EXIT\(\d+\)\. PID=\d+$")
+
+    def test_levels_filter(self):
+        ts = self.path("l.ts")
+        with open(ts, "wb") as f:
+            f.write(b"\x47" + bytes(187))
+        quiet = run_kst(["-T", "-L", "err", "-i", "file://" + ts])
+        self.assertNotIn("(NRM)", quiet.stderr)
+        self.assertNotIn("(INF)", quiet.stderr)
+        loud = run_kst(["-T", "-L", "debug", "-i", "file://" + ts])
+        self.assertIn("(DBG)  KSTI  init_ksti_ctx: mode=STM", loud.stderr)
+        self.assertIn("(DBG)  KSTI  usock_open: fd3 FILE [" + ts + "]", loud.stderr)
+
+
+def _try_open_writer(fifo):
+    try:
+        return os.open(fifo, os.O_WRONLY | os.O_NONBLOCK)
+    except OSError:
+        return None
+
+
+def strip(line):
+    return messages(line)[0]
+
+
+if __name__ == "__main__":
+    unittest.main()
