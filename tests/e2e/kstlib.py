@@ -87,6 +87,9 @@ class KstTestCase(unittest.TestCase):
             if p.poll() is None:
                 p.kill()
                 p.wait(timeout=10)
+            for stream in (p.stdout, p.stderr):
+                if stream:
+                    stream.close()
         shutil.rmtree(self.dir, ignore_errors=True)
 
     def path(self, name):

@@ -17,7 +17,6 @@ class EntryTest(KstTestCase):
         self.assertEqual(lines[1], "Usage: kst -i {source} OPTIONS ")
         self.assertIn("  -h|?|--help                 = output this option guide\n\n----\nlibvrx/1.5-5.20 (c28edb42) @", r.stderr)
         self.assertTrue(r.stderr.endswith(" [-ggdb3]\n----\n\nkst is part of Morvane, a family of stream tools.\n\n"))
-        self.assertEqual(os.listdir("/dev/shm").count("mmr"), 0)
 
     def test_version_prints_identity_and_exits_1(self):
         r = run_kst(["-V", "-i", "file:///x"])
@@ -27,8 +26,7 @@ class EntryTest(KstTestCase):
     def test_missing_source_is_refused(self):
         r = run_kst(["-T"])
         self.assertEqual(r.returncode, 1)
-        self.assertTrue(r.stderr.endswith("Source URL must be specified, run " + os.environ.get("KST_BIN", "kst") + " --help for options\n")
-                        or "Source URL must be specified, run " in r.stderr)
+        self.assertRegex(r.stderr, r"^Source URL must be specified, run \S*kst --help for options\n$")
 
 
 class FileSourceTest(KstTestCase):
@@ -36,7 +34,7 @@ class FileSourceTest(KstTestCase):
         ts = make_ts(self.path("a.ts"), seconds=2)
         r = run_kst(["-T", "-i", "file://" + ts])
         msgs = messages(r.stderr)
-        self.assertIn(f"(NRM) Reading (STM) from fd3 [file://{ts}]", msgs)
+        self.assertIn(f"(NRM) Reading (STM) from fd4 [file://{ts}]", msgs)
         # The end of a file takes the road of a failure, with errno as it stands.
         stops = [m for m in msgs if m.startswith("(ERR) run_app: stopped reading due to error in [recv/Read_f], rc=")]
         self.assertEqual(len(stops), 1, r.stderr)
@@ -56,7 +54,7 @@ class FileSourceTest(KstTestCase):
         r = run_kst(["-T", "-E", "1", "-i", "file://" + ts])
         msgs = messages(r.stderr)
         self.assertIn("(ERR) run_app: not enough space: buf=(nil), avail=1048576 bytes", msgs)
-        self.assertIn("(INF) run_app: done reading from source fd3, quit=0", msgs)
+        self.assertIn("(INF) run_app: done reading from source fd4, quit=0", msgs)
         self.assertEqual(r.returncode, 0)
 
     def test_missing_file_logs_the_open_and_exits_1(self):
@@ -70,12 +68,12 @@ class FileSourceTest(KstTestCase):
         with open(self.path("rel.ts"), "wb") as f:
             f.write(b"\x47" + bytes(187))
         r = run_kst(["-T", "-i", "file://rel.ts"], cwd=self.dir)
-        self.assertIn("(NRM) Reading (STM) from fd3 [file://rel.ts]", messages(r.stderr))
+        self.assertIn("(NRM) Reading (STM) from fd4 [file://rel.ts]", messages(r.stderr))
 
     def test_a_directory_as_source_fails_at_the_read(self):
         r = run_kst(["-T", "-i", "file://" + self.dir])
         msgs = messages(r.stderr)
-        self.assertTrue(any(m.startswith("(ERR) run_app: read(3, 0x") and m.endswith(", 8388608) ERROR(21): Is a directory") for m in msgs), r.stderr)
+        self.assertTrue(any(m.startswith("(ERR) run_app: read(4, 0x") and m.endswith(", 8388608) ERROR(21): Is a directory") for m in msgs), r.stderr)
         self.assertIn("(ERR) run_app: stopped reading due to error in [recv/Read_f], rc=21", msgs)
         self.assertEqual(r.returncode, 21)
 
@@ -89,10 +87,10 @@ class FileSourceTest(KstTestCase):
         with open(ts, "wb") as f:
             f.write(b"\x47" + bytes(187))
         on = run_kst(["-T", "-i", "file://" + ts], env={"SYSW_DEBUG": "1"})
-        self.assertIn("(DBG) usock_close: CLOSED(fd3)", messages(on.stderr))
+        self.assertIn("(DBG) usock_close: CLOSED(fd4)", messages(on.stderr))
         for value in ("2", "true", ""):
             off = run_kst(["-T", "-i", "file://" + ts], env={"SYSW_DEBUG": value})
-            self.assertNotIn("CLOSED(fd3)", off.stderr, value)
+            self.assertNotIn("CLOSED(", off.stderr, value)
 
 
 class FifoSourceTest(KstTestCase):
@@ -143,7 +141,7 @@ class FifoSourceTest(KstTestCase):
         msgs = messages(text)
         self.assertNotIn("(ERR)", text)
         self.assertIn(f"(NRM) Received QUIT-SIG({int(sig)}), will exit now.", msgs)
-        self.assertIn("(INF) run_app: done reading from source fd3, quit=1", msgs)
+        self.assertIn("(INF) run_app: done reading from source fd5, quit=1", msgs)
         self.assertIn("(NRM) kst shut down", msgs)
         self.assertRegex(msgs[-1], r"EXIT\(0\)\. PID=%d$" % p.pid)
         self.assertFalse(os.path.exists(shm))
@@ -169,7 +167,7 @@ class FifoSourceTest(KstTestCase):
         os.close(w)  # end of stream
         p.wait(timeout=10)
         console = p.stderr.read()
-        self.assertIn("Reading (STM) from fd3", console)
+        self.assertIn("Reading (STM) from fd5", console)
         # The mirror starts once the log file is open.
         self.assertNotIn("Runtime pid=", console)
         self.assertIn("Runtime pid=", read_text(log))
@@ -193,7 +191,7 @@ class LogDestinationTest(KstTestCase):
         r = run_kst(["-T", "-q", "-l", f"|cat > {out}", "-i", "file://" + ts])
         self.assertEqual(r.stderr, "")
         text = read_text(out)
-        self.assertIn("Reading (STM) from fd3", text)
+        self.assertIn("Reading (STM) from fd5", text)
         self.assertRegex(text.splitlines()[-1], r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \S+ \d+  \(NRM\)  KSTI  kst \(Stream snapshot manager\) .* EXIT\(\d+\)\. PID=\d+$")
 
     def test_levels_filter(self):
@@ -205,7 +203,7 @@ class LogDestinationTest(KstTestCase):
         self.assertNotIn("(INF)", quiet.stderr)
         loud = run_kst(["-T", "-L", "debug", "-i", "file://" + ts])
         self.assertIn("(DBG)  KSTI  init_ksti_ctx: mode=STM", loud.stderr)
-        self.assertIn("(DBG)  KSTI  usock_open: fd3 FILE [" + ts + "]", loud.stderr)
+        self.assertIn("(DBG)  KSTI  usock_open: fd4 FILE [" + ts + "]", loud.stderr)
 
 
 def _try_open_writer(fifo):
