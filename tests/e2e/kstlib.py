@@ -69,6 +69,13 @@ def messages(text):
     return [strip_prefix(l) for l in text.splitlines()]
 
 
+def exit_pid(text):
+    """The process ID named by the exit line, or None."""
+    import re
+    m = re.search(r"EXIT\(\d+\)\. PID=(\d+)$", text.rstrip("\n"))
+    return int(m.group(1)) if m else None
+
+
 def run_kst(args, timeout=30, env=None, cwd=None):
     full_env = dict(os.environ)
     if env:
@@ -103,6 +110,11 @@ class KstTestCase(unittest.TestCase):
                              text=True, errors="replace", env=full_env)
         self.procs.append(p)
         return p
+
+    def assertNoShmLeftBy(self, output):
+        pid = exit_pid(output)
+        self.assertIsNotNone(pid, "no exit line")
+        self.assertNoShmLeft(pid)
 
     def assertNoShmLeft(self, pid):
         self.assertFalse(any(n.startswith(f"mmr.{pid}.") for n in os.listdir("/dev/shm")),

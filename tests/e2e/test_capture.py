@@ -43,6 +43,7 @@ class FileSourceTest(KstTestCase):
         self.assertEqual(r.returncode, abs(rc) & 0xff)
         self.assertIn("(NRM) kst shut down", msgs)
         self.assertRegex(msgs[-1], r"^\(NRM\) kst \(Stream snapshot manager\) .* EXIT\(%d\)\. PID=\d+$" % abs(rc))
+        self.assertNoShmLeftBy(r.stderr)
         self.assertRegex(r.stderr.splitlines()[0], r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \S+ \d+  \(INF\)  KSTI  Runtime pid=\d+ uid/gid = \d+/\d+ running in \[\]$")
 
     def test_ring_holds_what_fits_and_stops_cleanly_when_full(self):
@@ -56,6 +57,7 @@ class FileSourceTest(KstTestCase):
         self.assertIn("(ERR) run_app: not enough space: buf=(nil), avail=1048576 bytes", msgs)
         self.assertIn("(INF) run_app: done reading from source fd4, quit=0", msgs)
         self.assertEqual(r.returncode, 0)
+        self.assertNoShmLeftBy(r.stderr)
 
     def test_missing_file_logs_the_open_and_exits_1(self):
         r = run_kst(["-T", "-i", "file:///nonexistent-dir/none.ts"])
@@ -63,6 +65,7 @@ class FileSourceTest(KstTestCase):
         self.assertIn("(ERR) usock_open: open('/nonexistent-dir/none.ts', 0, 0x0) ERROR(2): No such file or directory", msgs)
         self.assertEqual(r.returncode, 1)
         self.assertRegex(msgs[-1], r"EXIT\(1\)\. PID=\d+$")
+        self.assertNoShmLeftBy(r.stderr)
 
     def test_relative_file_url_is_relative_to_the_working_directory(self):
         with open(self.path("rel.ts"), "wb") as f:
@@ -76,6 +79,7 @@ class FileSourceTest(KstTestCase):
         self.assertTrue(any(m.startswith("(ERR) run_app: read(4, 0x") and m.endswith(", 8388608) ERROR(21): Is a directory") for m in msgs), r.stderr)
         self.assertIn("(ERR) run_app: stopped reading due to error in [recv/Read_f], rc=21", msgs)
         self.assertEqual(r.returncode, 21)
+        self.assertNoShmLeftBy(r.stderr)
 
     def test_unknown_scheme_is_refused(self):
         r = run_kst(["-T", "-i", "/plain/path.ts"])
@@ -182,6 +186,7 @@ class LogDestinationTest(KstTestCase):
         self.assertEqual(strip(lines[1]), "(ERR) runtime_setup: FAILED (rc=-1)")
         self.assertEqual(strip(lines[-1])[:6], "(NRM) ")
         self.assertRegex(lines[-1], r"EXIT\(1\)\. PID=\d+$")
+        self.assertNoShmLeftBy(r.stderr)
 
     def test_log_into_a_command(self):
         out = self.path("piped.log")
