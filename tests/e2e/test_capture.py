@@ -188,6 +188,14 @@ class LogDestinationTest(KstTestCase):
         self.assertRegex(lines[-1], r"EXIT\(1\)\. PID=\d+$")
         self.assertNoShmLeftBy(r.stderr)
 
+    def test_failure_before_the_source_is_opened_closes_descriptor_0(self):
+        # The source's descriptor starts at 0, and the shutdown closes what it
+        # holds: a known trait, seen through the checked close's debug line.
+        r = run_kst(["-T", "-l", "/nonexistent-dir/kst.log", "-i", "file:///dev/null"],
+                    env={"SYSW_DEBUG": "1"})
+        self.assertEqual(r.returncode, 1)
+        self.assertIn("(DBG) usock_close: CLOSED(fd0)", messages(r.stderr))
+
     def test_log_into_a_command(self):
         out = self.path("piped.log")
         ts = self.path("p.ts")
