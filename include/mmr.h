@@ -55,4 +55,12 @@ int mmr_get_info(mmr_t ring, mm_info* info);
 void mmr_add_pkts(mmr_t ring, size_t npkts);
 uint64_t mmr_adjust_pktnum(mmr_t ring, uint64_t new_first_idx);
 void mmr_get_opt(mmr_t ring, mm_opt* opt);
+
+// Read-out and eviction.
+using cap_ppfunc = int (*)(const iovec*);
+bool mmr_sync_found(int32_t snum, const uint8_t* pkt);
+int mmr_oget_buf(mmr_t ring, uint8_t* buf, size_t buflen, iovec* iov, size_t* count, ssize_t* offset);
+int mmr_oget(mmr_t ring, iovec* iov, size_t* count);
+ssize_t mmr_cap_pp(mmr_t ring, size_t max_payload_sz, cap_ppfunc pprocess);
+ssize_t mmr_cap(mmr_t ring, size_t max_payload_sz);
 void mmr_set_opt(mmr_t ring, const mm_opt* opt);

@@ -131,7 +131,18 @@ int run_app()
     LOG_AT(NORM_level, "Reading (%s) from fd%d [%s]\n", g_ctx.mode.sym, g_ctx.ssock, g_cfg.src_url);
     mmr_set_verbosity(0);
 
+    // Fixed for the run: the ring always keeps this much vacant for the next read.
+    const size_t max_pld_left = g_cfg.cache_sz_mb * BYTES_IN_MB - g_cfg.min_read_bytes;
+
     while (!g_quit) {
+        const ssize_t capped = mmr_cap(g_ctx.mmr, max_pld_left);
+        if (capped < 0) {
+            // The stream has gone bad; the stop itself is not a failing one.
+            LOG_AT(ERR_level, "%s: mmr_cap(.., %zu) ERROR(%zd)\n", "run_app", max_pld_left, capped);
+            where = "mmr_cap";
+            break;
+        }
+
         if (interrupted) {
             // The interrupted read is repeated into the same area.
             LOG_AT(DEBUG_level, "%s: re-reading after an interrupt\n", "run_app");

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dstream.h"
 #include "log.h"
 #include "syswrap.h"
 #include "vrassert.h"
@@ -163,16 +164,38 @@ uint8_t* mmr_iget(mmr_t ring, mm_point* pt)
 
 int mmr_iput_ex(mmr_t ring, mm_point* pt, bool is_dgram)
 {
-    (void)is_dgram;
     mm_ring* mr = as_ring(ring);
     LOG_ASSERT(mr->pld_size + pt->len <= mr->buflen);
+    // Counted first: the bytes stay counted even if the detection fails.
     mr->pld_size += pt->len;
     if (mr->pld_pos >= 0)
         return 0;
 
-    // The first data: the head starts at the ring's start.
+    // The first data decides the stream type and packet length for good,
+    // from this one chunk alone.
+    n32_tag stype{};
+    size_t pkt_len = 0;
+    const off_t at = ds_find_dgram(mr->buf, pt->len, &stype.num, &pkt_len, is_dgram ? DS_DGRAM_BUF : 0);
+    if (at < 0) {
+        LOG_AT(ERR_level, "%s: no header (buflen=%zd); non-TS/RTP stream?\n", "mmr_iput_ex", (ssize_t)pt->len);
+        return -EFAULT;
+    }
+    if (at > 0) {
+        LOG_ASSERT((size_t)at < pt->len);
+        // The junk stays: the first read-out shifts past it.
+        LOG_AT(WARN_level, "%s: UNALIGNED data: TS starts at byte %zd, orig/adj_len: %zd/%zd bytes\n", "mmr_iput_ex",
+               (ssize_t)at, (ssize_t)pt->len, (ssize_t)pt->len - (ssize_t)at);
+    }
+    if (mr->stype.num == 0) {
+        mr->stype = stype;
+        LOG_AT(INFO_level, "%s: %s stream detected\n", "mmr_iput_ex", mr->stype.sym);
+    } else if (mr->stype.num != stype.num) {
+        LOG_AT(WARN_level, "%s: expected [%s], got [%s] stream\n", "mmr_iput_ex", mr->stype.sym, stype.sym);
+    }
     LOG_ASSERT(mr->pld_pos == -1 && pt->pos == 0);
     mr->pld_pos = 0;
+    mr->ts_len = pkt_len;
+    LOG_AT(INFO_level, "%s: [%s] TS pkt_len=%zu\n", "mmr_iput_ex", mr->sname, mr->ts_len);
     return 0;
 }
 

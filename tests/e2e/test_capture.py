@@ -46,17 +46,29 @@ class FileSourceTest(KstTestCase):
         self.assertNoShmLeftBy(r.stderr)
         self.assertRegex(r.stderr.splitlines()[0], r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \S+ \d+  \(INF\)  KSTI  Runtime pid=\d+ uid/gid = \d+/\d+ running in \[\]$")
 
-    def test_ring_holds_what_fits_and_stops_cleanly_when_full(self):
-        # Without eviction a source larger than the ring fills it; the loop
-        # then stops with code 0.
-        ts = self.path("big.ts")
-        with open(ts, "wb") as f:
-            f.write(bytes(range(256)) * (3 * 4096))
-        r = run_kst(["-T", "-E", "1", "-i", "file://" + ts])
+    def test_data_that_is_not_a_stream_is_refused_at_the_first_chunk(self):
+        junk = self.path("junk.bin")
+        with open(junk, "wb") as f:
+            f.write(bytes((i * 37 + 1) % 71 for i in range(5000)))
+        r = run_kst(["-T", "-i", "file://" + junk])
         msgs = messages(r.stderr)
-        self.assertIn("(ERR) run_app: not enough space: buf=(nil), avail=1048576 bytes", msgs)
-        self.assertIn("(INF) run_app: done reading from source fd4, quit=0", msgs)
-        self.assertEqual(r.returncode, 0)
+        self.assertIn("(ERR) mmr_iput_ex: no header (buflen=5000); non-TS/RTP stream?", msgs)
+        self.assertIn("(ERR) run_app: stopped reading due to error in [mmr_iput], rc=-14", msgs)
+        self.assertEqual(r.returncode, 14)
+        self.assertNoShmLeftBy(r.stderr)
+
+    def test_a_file_larger_than_the_ring_is_read_to_its_end(self):
+        ts = make_ts(self.path("one.ts"), seconds=2, size="640x360")
+        with open(ts, "rb") as f:
+            one = f.read()
+        big = self.path("big.ts")
+        with open(big, "wb") as f:
+            f.write(one * (1 + (3 << 20) // len(one)))
+        r = run_kst(["-T", "-E", "1", "-i", "file://" + big])
+        msgs = messages(r.stderr)
+        self.assertIn("(INF) mmr_iput_ex: TS stream detected", msgs)
+        self.assertFalse(any("not enough space" in m or "mmr_cap" in m for m in msgs), r.stderr)
+        self.assertTrue(any(m.startswith("(ERR) run_app: stopped reading due to error in [recv/Read_f]") for m in msgs))
         self.assertNoShmLeftBy(r.stderr)
 
     def test_missing_file_logs_the_open_and_exits_1(self):
@@ -132,6 +144,33 @@ class FifoSourceTest(KstTestCase):
         p.send_signal(signal.SIGTERM)
         self.assertEqual(p.wait(timeout=10), 0)
         os.close(w)
+        self.assertFalse(os.path.exists(shm))
+
+    def test_a_small_ring_wraps_many_times_and_holds_the_newest_bytes(self):
+        ts = make_ts(self.path("w.ts"), seconds=2, size="640x360")
+        with open(ts, "rb") as f:
+            one = f.read()
+        stream = one * (1 + (5 << 20) // len(one))
+        p, w, log = self.start_on_fifo(["-E", "1"])
+        os.write(w, stream)
+        shm = shm_name(p.pid)
+        ring = 1 << 20
+        total = len(stream)
+
+        def newest_held():
+            with open(shm, "rb") as f:
+                obj = f.read(ring)
+            # Byte k of the stream sits at ring offset k mod the ring's size.
+            k0 = total - ring
+            want = stream[k0:]
+            cut = k0 % ring
+            return obj[cut:] + obj[:cut] == want
+        self.assertTrue(wait_for(newest_held, timeout=20), "ring does not hold the newest bytes")
+        self.assertIsNone(p.poll(), "capture stopped")
+        p.send_signal(signal.SIGTERM)
+        self.assertEqual(p.wait(timeout=10), 0)
+        os.close(w)
+        self.assertNotIn("(ERR)", read_text(log))
         self.assertFalse(os.path.exists(shm))
 
     def quit_during_blocking_read(self, sig):

@@ -12,14 +12,25 @@
 #include "logcap.h"
 #include "mmr.h"
 #include "mmr_ring.h"
+#include "dstream.h"
 
 namespace {
 
 const size_t kPage = (size_t)sysconf(_SC_PAGESIZE);
 
+// By default the ring's stream is already known, as after its first chunk,
+// so tests can put any bytes; detection itself is tested on its own.
 struct Ring {
     mmr_t h = nullptr;
-    explicit Ring(size_t sz) { EXPECT_EQ(mmr_create(&h, sz), 0); }
+    explicit Ring(size_t sz, bool known = true)
+    {
+        EXPECT_EQ(mmr_create(&h, sz), 0);
+        if (known && h) {
+            r()->pld_pos = 0;
+            r()->stype = STY_MPEGTS;
+            r()->ts_len = 188;
+        }
+    }
     ~Ring()
     {
         if (h)
@@ -55,7 +66,7 @@ void drop(mmr_t h, size_t n)
 TEST(Mmr, CreateLaysOutTwoViewsAndADeadZone)
 {
     LogCapture cap;
-    Ring ring(4 * kPage);
+    Ring ring(4 * kPage, false);
     mm_ring* mr = ring.r();
     EXPECT_TRUE(mr->is_ready);
     EXPECT_EQ(mr->buflen, 4 * kPage);
@@ -319,8 +330,8 @@ TEST(Mmr, InfoCopiesTheState)
     memset(&info, 0xff, sizeof(info));
     EXPECT_EQ(mmr_get_info(ring.h, &info), 0);
     EXPECT_EQ(info.pld_size, 100u);
-    EXPECT_EQ(info.ts_len, 0u);
-    EXPECT_EQ(info.stype.num, 0);
+    EXPECT_EQ(info.ts_len, 188u);
+    EXPECT_EQ(info.stype.num, STY_MPEGTS.num);
     EXPECT_EQ(info.first_pktnum, 0u);
     EXPECT_EQ(info.last_pktnum, 3u);
 }
@@ -391,12 +402,103 @@ TEST(Mmr, OptionsCopyInAndOut)
     EXPECT_TRUE(back.no_mtu_pack);
 }
 
-TEST(Mmr, FirstPutStartsTheHeadAtZero)
+namespace {
+
+std::vector<uint8_t> ts_stream(size_t npkts)
 {
-    Ring ring(kPage);
-    put(ring.h, 10, 1);
+    std::vector<uint8_t> v(npkts * 188, 0x55);
+    for (size_t i = 0; i < npkts; ++i)
+        v[i * 188] = TS_SYNC;
+    return v;
+}
+
+int put_bytes(mmr_t h, const std::vector<uint8_t>& bytes)
+{
+    mm_point pt{};
+    uint8_t* p = mmr_iget(h, &pt);
+    memcpy(p, bytes.data(), bytes.size());
+    pt.len = bytes.size();
+    return mmr_iput(h, &pt);
+}
+
+}  // namespace
+
+TEST(Mmr, FirstChunkFixesStreamTypeAndPacketLength)
+{
+    Ring ring(kPage, false);
+    LogCapture cap;
+    ASSERT_EQ(put_bytes(ring.h, ts_stream(3)), 0);
     EXPECT_EQ(ring.r()->pld_pos, 0);
-    EXPECT_EQ(ring.r()->pld_size, 10u);
+    EXPECT_EQ(ring.r()->pld_size, 564u);
+    EXPECT_EQ(ring.r()->stype.num, STY_MPEGTS.num);
+    EXPECT_EQ(ring.r()->ts_len, 188u);
+    const std::string log = cap.text();
+    EXPECT_NE(log.find("(INF)  mmr_iput_ex: TS stream detected\n(INF)  mmr_iput_ex: [" +
+                       std::string(ring.r()->sname) + "] TS pkt_len=188\n"),
+              std::string::npos)
+        << log;
+    // Later chunks are not looked at.
+    std::vector<uint8_t> noise(300, 0x00);
+    cap.clear();
+    EXPECT_EQ(put_bytes(ring.h, noise), 0);
+    EXPECT_EQ(cap.text(), "");
+}
+
+TEST(Mmr, JunkBeforeTheFirstPacketIsKeptAndWarnedOf)
+{
+    Ring ring(kPage, false);
+    std::vector<uint8_t> chunk = {1, 2, 3, 4, 5};
+    auto ts = ts_stream(3);
+    chunk.insert(chunk.end(), ts.begin(), ts.end());
+    LogCapture cap;
+    ASSERT_EQ(put_bytes(ring.h, chunk), 0);
+    EXPECT_EQ(ring.r()->pld_pos, 0);
+    EXPECT_EQ(ring.r()->pld_size, chunk.size());
+    EXPECT_NE(cap.text().find("(WRN)  mmr_iput_ex: UNALIGNED data: TS starts at byte 5, orig/adj_len: 569/564 bytes\n"),
+              std::string::npos)
+        << cap.text();
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    ASSERT_EQ(mmr_snapshot(ring.h, p[1]), (ssize_t)chunk.size());
+    std::vector<uint8_t> got(chunk.size());
+    ASSERT_EQ(read(p[0], got.data(), got.size()), (ssize_t)got.size());
+    EXPECT_EQ(got, chunk);  // the snapshot starts with the junk
+    close(p[0]);
+    close(p[1]);
+}
+
+TEST(Mmr, AFirstChunkOfNoiseIsRefused)
+{
+    Ring ring(kPage, false);
+    std::vector<uint8_t> noise(300);
+    for (size_t i = 0; i < noise.size(); ++i)
+        noise[i] = (uint8_t)(i * 37 + 1) == TS_SYNC ? 0 : (uint8_t)(i * 37 + 1);
+    LogCapture cap(ERR_level);
+    EXPECT_EQ(put_bytes(ring.h, noise), -14);
+    EXPECT_EQ(cap.text(), "(ERR)  mmr_iput_ex: no header (buflen=300); non-TS/RTP stream?\n");
+    EXPECT_EQ(ring.r()->pld_size, 300u);
+    EXPECT_EQ(ring.r()->pld_pos, -1);
+    mm_info info{};
+    mmr_get_info(ring.h, &info);
+    EXPECT_EQ(info.ts_len, 0u);
+    LogCapture warn;
+    EXPECT_EQ(mmr_snapshot(ring.h, 1), 0);
+    EXPECT_EQ(warn.text(), "(WRN)  mmr_snapshot: no payload, nothing to write\n");
+}
+
+TEST(Mmr, AFirstDatagramOfRtpGivesTheWholePacketLength)
+{
+    Ring ring(kPage, false);
+    std::vector<uint8_t> dgram = {0x80, 33, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1};
+    auto ts = ts_stream(7);
+    dgram.insert(dgram.end(), ts.begin(), ts.end());
+    mm_point pt{};
+    uint8_t* p = mmr_iget(ring.h, &pt);
+    memcpy(p, dgram.data(), dgram.size());
+    pt.len = dgram.size();
+    ASSERT_EQ(mmr_iput_ex(ring.h, &pt, true), 0);
+    EXPECT_EQ(ring.r()->stype.num, STY_RTP.num);
+    EXPECT_EQ(ring.r()->ts_len, 1328u);
 }
 
 TEST(Mmr, ManyWrapsKeepTheNewestBytes)
