@@ -3,29 +3,20 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sys/time.h>
 #include <unistd.h>
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstring>
 #include <string>
 
 #include "fdio.h"
 #include "logcap.h"
+#include "strf.h"
+#include "testpipe.h"
+#include "testsig.h"
 #include "util.h"
 
 namespace {
-
-VRX_PRINTF(1, 2) std::string strf(const char* fmt, ...)
-{
-    char buf[1024];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(buf, sizeof(buf), fmt, ap);
-    va_end(ap);
-    return buf;
-}
 
 // What the signal handler does on its third tick.
 enum TickAction { TICK_NOTHING, TICK_FEED, TICK_DRAIN, TICK_QUIT };
@@ -59,75 +50,57 @@ void on_tick(int)
         g_quit = 1;
 }
 
-// SIGALRM every 20 ms to a handler without SA_RESTART, so blocking calls are
-// broken off with EINTR again and again.
+// Resets the tick state and gives the handler: the state has to be in place
+// before the timer starts.
+sighandler_t arm_ticks(TickAction action, int fd)
+{
+    g_ticks = 0;
+    g_action = action;
+    g_tick_fd = fd;
+    g_quit = 0;
+    return on_tick;
+}
+
+// SIGALRM every 20 ms to on_tick, so blocking calls are broken off with EINTR
+// again and again; the third tick does the action.
 class Ticker {
 public:
-    Ticker(TickAction action, int fd)
-    {
-        g_ticks = 0;
-        g_action = action;
-        g_tick_fd = fd;
-        g_quit = 0;
-        struct sigaction sa {};
-        sa.sa_handler = on_tick;
-        sigemptyset(&sa.sa_mask);
-        sa.sa_flags = 0;
-        sigaction(SIGALRM, &sa, &old_sa_);
-        itimerval it{};
-        it.it_value.tv_usec = 20000;
-        it.it_interval.tv_usec = 20000;
-        setitimer(ITIMER_REAL, &it, &old_it_);
-    }
+    Ticker(TickAction action, int fd) : alarms_(arm_ticks(action, fd)) {}
     ~Ticker()
     {
-        itimerval off{};
-        setitimer(ITIMER_REAL, &off, nullptr);
-        sigaction(SIGALRM, &old_sa_, nullptr);
-        setitimer(ITIMER_REAL, &old_it_, nullptr);
+        alarms_.stop();
         g_quit = 0;
     }
 
 private:
-    struct sigaction old_sa_ {};
-    itimerval old_it_{};
+    AlarmTicker alarms_;
 };
 
-class Pipe {
-public:
-    Pipe() { EXPECT_EQ(pipe(fd_), 0); }
-    ~Pipe()
-    {
-        close_rd();
-        close_wr();
-    }
-    int rd() const { return fd_[0]; }
-    int wr() const { return fd_[1]; }
-    void close_rd()
-    {
-        if (fd_[0] >= 0)
-            close(fd_[0]);
-        fd_[0] = -1;
-    }
-    void close_wr()
-    {
-        if (fd_[1] >= 0)
-            close(fd_[1]);
-        fd_[1] = -1;
-    }
-    // Fills the pipe to the brim, then makes the writing side blocking again.
-    void fill()
-    {
-        EXPECT_EQ(fcntl(fd_[1], F_SETFL, O_NONBLOCK), 0);
-        char junk[4096] = {};
-        while (write(fd_[1], junk, sizeof(junk)) > 0) {
-        }
-        EXPECT_EQ(fcntl(fd_[1], F_SETFL, 0), 0);
-    }
-
-private:
-    int fd_[2] = {-1, -1};
+// What a call made under the ticker gave back, and how many ticks it took.
+struct Ticked {
+    ssize_t rc;
+    int err;
+    int ticks;
 };
+
+template <class Call>
+Ticked under_ticks(TickAction action, int fd, Call call)
+{
+    Ticker t(action, fd);
+    const ssize_t rc = call();
+    const int err = errno;
+    return Ticked{rc, err, g_ticks};
+}
+
+// The call gave up with EINTR once the third tick said the program is
+// stopping, long before the ticker's own stop at 200.
+void expect_stopped(const Ticked& r)
+{
+    EXPECT_EQ(r.rc, -1);
+    EXPECT_EQ(r.err, EINTR);
+    EXPECT_GE(r.ticks, 3);
+    EXPECT_LT(r.ticks, 200);
+}
 
 }  // namespace
 
@@ -188,16 +161,10 @@ TEST(Nread, AnInterruptedReadStartsOver)
     Pipe p;
     char buf[10] = {};
     LogCapture cap;
-    ssize_t rc;
-    int ticks;
-    {
-        Ticker t(TICK_FEED, p.wr());
-        rc = nread(p.rd(), buf, sizeof(buf), 0);
-        ticks = g_ticks;
-    }
-    EXPECT_EQ(rc, 1);
+    const Ticked r = under_ticks(TICK_FEED, p.wr(), [&] { return nread(p.rd(), buf, sizeof(buf), 0); });
+    EXPECT_EQ(r.rc, 1);
     EXPECT_EQ(buf[0], 'z');
-    EXPECT_GE(ticks, 3);
+    EXPECT_GE(r.ticks, 3);
     EXPECT_EQ(cap.text(), "");
 }
 
@@ -206,19 +173,7 @@ TEST(Nread, AnInterruptedReadEndsWhenTheProgramIsStopping)
     Pipe p;
     char buf[10];
     LogCapture cap;
-    ssize_t rc;
-    int err;
-    int ticks;
-    {
-        Ticker t(TICK_QUIT, -1);
-        rc = nread(p.rd(), buf, sizeof(buf), 0);
-        err = errno;
-        ticks = g_ticks;
-    }
-    EXPECT_EQ(rc, -1);
-    EXPECT_EQ(err, EINTR);
-    EXPECT_GE(ticks, 3);
-    EXPECT_LT(ticks, 200);
+    expect_stopped(under_ticks(TICK_QUIT, -1, [&] { return nread(p.rd(), buf, sizeof(buf), 0); }));
     EXPECT_EQ(cap.text(), "");
 }
 
@@ -227,13 +182,9 @@ TEST(Nread, VerboseReportsEachInterruption)
     Pipe p;
     char buf[10];
     LogCapture cap;
-    ssize_t rc;
-    {
-        Ticker t(TICK_QUIT, -1);
-        rc = nread(p.rd(), buf, sizeof(buf), FDIO_VERBOSE);
-    }
-    EXPECT_EQ(rc, -1);
-    EXPECT_EQ(errno, EINTR);
+    const Ticked r = under_ticks(TICK_QUIT, -1, [&] { return nread(p.rd(), buf, sizeof(buf), FDIO_VERBOSE); });
+    EXPECT_EQ(r.rc, -1);
+    EXPECT_EQ(r.err, EINTR);
     // One line per interruption: the ticks before the stop all broke a read,
     // unless one landed while a line was being written.
     const std::string line =
@@ -283,7 +234,7 @@ TEST(Nwrite, AllBytesOfAnOrdinaryWrite)
 
 TEST(Nwrite, ABrokenPipeIsReturnedAsItIs)
 {
-    sighandler_t old = signal(SIGPIPE, SIG_IGN);
+    SignalGuard no_sigpipe(SIGPIPE, SIG_IGN);
     Pipe p;
     p.close_rd();
     LogCapture cap;
@@ -295,24 +246,18 @@ TEST(Nwrite, ABrokenPipeIsReturnedAsItIs)
     EXPECT_EQ(errno, EPIPE);
     EXPECT_EQ(cap.text(), strf("(ERR)  nwrite: write(%d, %p, 3) ERROR(%d): %s\n", p.wr(), (const void*)buf,
                                EPIPE, strerror(EPIPE)));
-    signal(SIGPIPE, old);
 }
 
 TEST(Nwrite, AnInterruptedWriteStartsOver)
 {
     Pipe p;
     p.fill();
+    // The handler drains without blocking.
+    ASSERT_EQ(fcntl(p.rd(), F_SETFL, O_NONBLOCK), 0);
     LogCapture cap;
-    ssize_t rc;
-    int ticks;
-    {
-        Ticker t(TICK_DRAIN, p.rd());
-        ASSERT_EQ(fcntl(p.rd(), F_SETFL, O_NONBLOCK), 0);
-        rc = nwrite(p.wr(), "q", 1, 0);
-        ticks = g_ticks;
-    }
-    EXPECT_EQ(rc, 1);
-    EXPECT_GE(ticks, 3);
+    const Ticked r = under_ticks(TICK_DRAIN, p.rd(), [&] { return nwrite(p.wr(), "q", 1, 0); });
+    EXPECT_EQ(r.rc, 1);
+    EXPECT_GE(r.ticks, 3);
     EXPECT_EQ(cap.text(), "");
 }
 
@@ -321,18 +266,6 @@ TEST(Nwrite, AnInterruptedWriteEndsWhenTheProgramIsStopping)
     Pipe p;
     p.fill();
     LogCapture cap;
-    ssize_t rc;
-    int err;
-    int ticks;
-    {
-        Ticker t(TICK_QUIT, -1);
-        rc = nwrite(p.wr(), "q", 1, 0);
-        err = errno;
-        ticks = g_ticks;
-    }
-    EXPECT_EQ(rc, -1);
-    EXPECT_EQ(err, EINTR);
-    EXPECT_GE(ticks, 3);
-    EXPECT_LT(ticks, 200);
+    expect_stopped(under_ticks(TICK_QUIT, -1, [&] { return nwrite(p.wr(), "q", 1, 0); }));
     EXPECT_EQ(cap.text(), "");
 }

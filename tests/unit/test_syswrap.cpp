@@ -8,19 +8,21 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "logcap.h"
+#include "strf.h"
 #include "syswrap.h"
+#include "testfs.h"
+#include "testpipe.h"
+#include "testsig.h"
 
 // A failed huge allocation must come back as none here, as it does without
 // the address checker.
@@ -31,104 +33,31 @@ extern "C" const char* __asan_default_options()
 
 namespace {
 
-VRX_PRINTF(1, 2) std::string strf(const char* fmt, ...)
-{
-    char buf[1024];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(buf, sizeof(buf), fmt, ap);
-    va_end(ap);
-    return buf;
-}
-
 std::string err_text(int err)
 {
     return strf("ERROR(%d): %s\n", err, strerror(err));
 }
 
-volatile sig_atomic_t g_alarms = 0;
+// A call made while SIGALRM keeps breaking it off: its result and the errno
+// it left, taken before the ticker stops.
+struct Interrupted {
+    long rc;
+    int err;
+};
 
-void on_alarm(int)
+template <class Call>
+Interrupted under_alarms(Call call)
 {
-    g_alarms = g_alarms + 1;
+    AlarmTicker t;
+    const long rc = call();
+    const int err = errno;
+    return Interrupted{rc, err};
 }
 
-// Sends SIGALRM every 20 ms to a handler installed without SA_RESTART, so a
-// blocking call is broken off with EINTR; the interval keeps it bounded even
-// if the first signal comes before the call blocks.
-class AlarmTicker {
-public:
-    AlarmTicker()
-    {
-        g_alarms = 0;
-        struct sigaction sa {};
-        sa.sa_handler = on_alarm;
-        sigemptyset(&sa.sa_mask);
-        sa.sa_flags = 0;
-        sigaction(SIGALRM, &sa, &old_sa_);
-        itimerval it{};
-        it.it_value.tv_usec = 20000;
-        it.it_interval.tv_usec = 20000;
-        setitimer(ITIMER_REAL, &it, &old_it_);
-    }
-    ~AlarmTicker()
-    {
-        itimerval off{};
-        setitimer(ITIMER_REAL, &off, nullptr);
-        sigaction(SIGALRM, &old_sa_, nullptr);
-        setitimer(ITIMER_REAL, &old_it_, nullptr);
-    }
-
-private:
-    struct sigaction old_sa_ {};
-    itimerval old_it_{};
-};
-
-class Pipe {
-public:
-    Pipe() { EXPECT_EQ(pipe(fd_), 0); }
-    ~Pipe()
-    {
-        close_rd();
-        close_wr();
-    }
-    int rd() const { return fd_[0]; }
-    int wr() const { return fd_[1]; }
-    void close_rd()
-    {
-        if (fd_[0] >= 0)
-            close(fd_[0]);
-        fd_[0] = -1;
-    }
-    void close_wr()
-    {
-        if (fd_[1] >= 0)
-            close(fd_[1]);
-        fd_[1] = -1;
-    }
-
-private:
-    int fd_[2] = {-1, -1};
-};
-
-class TempDir {
-public:
-    TempDir()
-    {
-        char tmpl[] = "/tmp/kst-syswrap-XXXXXX";
-        path_ = mkdtemp(tmpl);
-    }
-    ~TempDir() { (void)!system(("rm -rf " + path_).c_str()); }
-    std::string path(const std::string& rel) const { return path_ + "/" + rel; }
-
-private:
-    std::string path_;
-};
-
-// A UDP socket on 127.0.0.1 with a port of its own.
-int udp_loopback(sockaddr_in* where)
+// A socket of the given type on 127.0.0.1 with a port of its own.
+int bound_loopback(int type, sockaddr_in* where)
 {
-    int s = socket(AF_INET, SOCK_DGRAM, 0);
+    int s = socket(AF_INET, type, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -136,41 +65,43 @@ int udp_loopback(sockaddr_in* where)
     socklen_t len = sizeof(*where);
     EXPECT_EQ(getsockname(s, reinterpret_cast<sockaddr*>(where), &len), 0);
     return s;
+}
+
+int udp_loopback(sockaddr_in* where)
+{
+    return bound_loopback(SOCK_DGRAM, where);
 }
 
 // A TCP listener on 127.0.0.1 with a port of its own.
 int tcp_listener(sockaddr_in* where, int backlog)
 {
-    int s = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(bind(s, reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
+    int s = bound_loopback(SOCK_STREAM, where);
     EXPECT_EQ(listen(s, backlog), 0);
-    socklen_t len = sizeof(*where);
-    EXPECT_EQ(getsockname(s, reinterpret_cast<sockaddr*>(where), &len), 0);
     return s;
 }
 
-std::string file_with(const TempDir& d, const std::string& name, const std::string& content)
-{
-    const std::string p = d.path(name);
-    int fd = open(p.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    EXPECT_GE(fd, 0);
-    EXPECT_EQ(write(fd, content.data(), content.size()), (ssize_t)content.size());
-    close(fd);
-    return p;
-}
+// A file of the given content, open for reading, in a directory of its own;
+// both go when the test is done.
+class InputFile {
+public:
+    explicit InputFile(const std::string& content)
+        : dir_("syswrap"), fd_(open(dir_.make("f", content).c_str(), O_RDONLY))
+    {
+        EXPECT_GE(fd_, 0);
+    }
+    ~InputFile()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    InputFile(const InputFile&) = delete;
+    InputFile& operator=(const InputFile&) = delete;
+    int fd() const { return fd_; }
 
-std::string drain(int fd)
-{
-    std::string s;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fd, buf, sizeof(buf))) > 0)
-        s.append(buf, (size_t)n);
-    return s;
-}
+private:
+    TempDir dir_;
+    int fd_;
+};
 
 }  // namespace
 
@@ -301,20 +232,17 @@ TEST(WLseek, FailureOnAPipe)
 
 TEST(WLseek, SuccessReturnsTheOffsetSilently)
 {
-    TempDir d;
-    const std::string f = file_with(d, "f", "0123456789");
-    int fd = open(f.c_str(), O_RDONLY);
+    InputFile f("0123456789");
     LogCapture cap;
-    EXPECT_EQ(W_lseek("test", fd, 4, SEEK_SET), 4);
-    EXPECT_EQ(W_lseek("test", fd, 0, SEEK_END), 10);
-    close(fd);
+    EXPECT_EQ(W_lseek("test", f.fd(), 4, SEEK_SET), 4);
+    EXPECT_EQ(W_lseek("test", f.fd(), 0, SEEK_END), 10);
     EXPECT_EQ(cap.text(), "");
 }
 
 TEST(WUnlink, FailureLine)
 {
-    TempDir d;
-    const std::string f = d.path("absent");
+    TempDir d("syswrap");
+    const std::string f = d.at("absent");
     LogCapture cap;
     EXPECT_EQ(W_unlink("test", f.c_str()), -1);
     EXPECT_EQ(errno, ENOENT);
@@ -323,8 +251,8 @@ TEST(WUnlink, FailureLine)
 
 TEST(WUnlink, SuccessRemovesSilently)
 {
-    TempDir d;
-    const std::string f = file_with(d, "f", "x");
+    TempDir d("syswrap");
+    const std::string f = d.make("f", "x");
     LogCapture cap;
     EXPECT_EQ(W_unlink("test", f.c_str()), 0);
     EXPECT_NE(access(f.c_str(), F_OK), 0);
@@ -341,8 +269,8 @@ TEST(WFtruncate, FailureLine)
 
 TEST(WOpen, ModeZeroCreatesRwRR)
 {
-    TempDir d;
-    const std::string f = d.path("new");
+    TempDir d("syswrap");
+    const std::string f = d.at("new");
     const mode_t old_mask = umask(0);
     LogCapture cap;
     int fd = W_open("test", f.c_str(), O_WRONLY | O_CREAT, 0);
@@ -357,8 +285,8 @@ TEST(WOpen, ModeZeroCreatesRwRR)
 
 TEST(WOpen, AGivenModeIsUsed)
 {
-    TempDir d;
-    const std::string f = d.path("new");
+    TempDir d("syswrap");
+    const std::string f = d.at("new");
     const mode_t old_mask = umask(0);
     int fd = W_open("test", f.c_str(), O_WRONLY | O_CREAT, 0600);
     umask(old_mask);
@@ -371,8 +299,8 @@ TEST(WOpen, AGivenModeIsUsed)
 
 TEST(WOpen, FailureLinePrintsTheModeAsGiven)
 {
-    TempDir d;
-    const std::string f = d.path("nodir/new");
+    TempDir d("syswrap");
+    const std::string f = d.at("nodir/new");
     LogCapture cap;
     EXPECT_EQ(W_open("test", f.c_str(), O_WRONLY | O_CREAT, 0), -1);
     EXPECT_EQ(errno, ENOENT);
@@ -395,13 +323,10 @@ TEST(WPread, FailureLineEvenWithFlagsZero)
 
 TEST(WPread, ReadsAtTheOffsetSilently)
 {
-    TempDir d;
-    const std::string f = file_with(d, "f", "0123456789");
-    int fd = open(f.c_str(), O_RDONLY);
+    InputFile f("0123456789");
     char buf[4] = {};
     LogCapture cap;
-    EXPECT_EQ(W_pread_f("test", fd, buf, sizeof(buf), 3, 0), 4);
-    close(fd);
+    EXPECT_EQ(W_pread_f("test", f.fd(), buf, sizeof(buf), 3, 0), 4);
     EXPECT_EQ(std::string(buf, 4), "3456");
     EXPECT_EQ(cap.text(), "");
 }
@@ -413,15 +338,9 @@ TEST(WRead, InterruptedWithFlagsZeroIsSilent)
     Pipe p;
     char buf[16];
     LogCapture cap;
-    ssize_t rc;
-    int err;
-    {
-        AlarmTicker t;
-        rc = W_read_f("test", p.rd(), buf, sizeof(buf), 0);
-        err = errno;
-    }
-    EXPECT_EQ(rc, -1);
-    EXPECT_EQ(err, EINTR);
+    const Interrupted r = under_alarms([&] { return W_read_f("test", p.rd(), buf, sizeof(buf), 0); });
+    EXPECT_EQ(r.rc, -1);
+    EXPECT_EQ(r.err, EINTR);
     EXPECT_EQ(cap.text(), "");
 }
 
@@ -430,15 +349,9 @@ TEST(WRead, InterruptedWithAGuiltyPeerIsLogged)
     Pipe p;
     char buf[16];
     LogCapture cap;
-    ssize_t rc;
-    int err;
-    {
-        AlarmTicker t;
-        rc = W_read_f("test", p.rd(), buf, sizeof(buf), 1);
-        err = errno;
-    }
-    EXPECT_EQ(rc, -1);
-    EXPECT_EQ(err, EINTR);
+    const Interrupted r = under_alarms([&] { return W_read_f("test", p.rd(), buf, sizeof(buf), 1); });
+    EXPECT_EQ(r.rc, -1);
+    EXPECT_EQ(r.err, EINTR);
     EXPECT_EQ(cap.text(), strf("(ERR)  test: read(%d, %p, 16) ", p.rd(), (void*)buf) + err_text(EINTR));
 }
 
@@ -475,14 +388,9 @@ TEST(WRead, SuccessReturnsTheBytesSilently)
 
 class WWriteClosedPipe : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        old_ = signal(SIGPIPE, SIG_IGN);
-        p_.close_rd();
-    }
-    void TearDown() override { signal(SIGPIPE, old_); }
+    void SetUp() override { p_.close_rd(); }
+    SignalGuard no_sigpipe_{SIGPIPE, SIG_IGN};
     Pipe p_;
-    sighandler_t old_ = SIG_DFL;
 };
 
 TEST_F(WWriteClosedPipe, AGuiltyPeerGetsOneLine)
@@ -719,15 +627,9 @@ TEST(WSelect, InterruptionIsSilentBelowDebug)
 {
     LogCapture cap(INFO_level);
     timeval tv{5, 0};
-    int rc;
-    int err;
-    {
-        AlarmTicker t;
-        rc = W_select("test", 0, nullptr, nullptr, nullptr, &tv);
-        err = errno;
-    }
-    EXPECT_EQ(rc, -1);
-    EXPECT_EQ(err, EINTR);
+    const Interrupted r = under_alarms([&] { return W_select("test", 0, nullptr, nullptr, nullptr, &tv); });
+    EXPECT_EQ(r.rc, -1);
+    EXPECT_EQ(r.err, EINTR);
     EXPECT_EQ(cap.text(), "");
 }
 
@@ -736,15 +638,9 @@ TEST(WSelect, InterruptionIsToldWhenTheModuleIsAtDebug)
     LogCapture cap(INFO_level);
     g_mod_ll[LLMOD_SYSWRAP] = DEBUG_level;
     timeval tv{5, 0};
-    int rc;
-    int err;
-    {
-        AlarmTicker t;
-        rc = W_select("test", 0, nullptr, nullptr, nullptr, &tv);
-        err = errno;
-    }
-    EXPECT_EQ(rc, -1);
-    EXPECT_EQ(err, EINTR);
+    const Interrupted r = under_alarms([&] { return W_select("test", 0, nullptr, nullptr, nullptr, &tv); });
+    EXPECT_EQ(r.rc, -1);
+    EXPECT_EQ(r.err, EINTR);
     EXPECT_EQ(cap.text(), strf("(ERR)  test: select(0, %p, %p, %p, %p) ", (void*)nullptr, (void*)nullptr,
                                (void*)nullptr, (void*)&tv) +
                               err_text(EINTR));
@@ -888,9 +784,8 @@ struct SmallPair {
 
 TEST(WSendfile, HeadersFileAndTrailersInOrder)
 {
-    TempDir d;
-    const std::string f = file_with(d, "f", "0123456789");
-    int in = open(f.c_str(), O_RDONLY);
+    InputFile f("0123456789");
+    const int in = f.fd();
     Pipe p;
     char h1[] = "HE", h2[] = "AD|", t1[] = "|TR";
     iovec hdrs[2] = {{h1, 2}, {h2, 3}};
@@ -901,33 +796,29 @@ TEST(WSendfile, HeadersFileAndTrailersInOrder)
     EXPECT_EQ(W_sendfile_f("test", p.wr(), in, 3, 4, &hdtr, &sbytes, 0, 0), 0);
     EXPECT_EQ(sbytes, 5 + 4 + 3);
     p.close_wr();
-    EXPECT_EQ(drain(p.rd()), "HEAD|3456|TR");
+    EXPECT_EQ(read_all(p.rd()), "HEAD|3456|TR");
     // The file's own offset is left alone.
     EXPECT_EQ(lseek(in, 0, SEEK_CUR), 0);
-    close(in);
     EXPECT_EQ(cap.text(), "");
 }
 
 TEST(WSendfile, CountZeroSendsUpToTheEnd)
 {
-    TempDir d;
-    const std::string f = file_with(d, "f", "0123456789");
-    int in = open(f.c_str(), O_RDONLY);
+    InputFile f("0123456789");
+    const int in = f.fd();
     Pipe p;
     off_t sbytes = -1;
     EXPECT_EQ(W_sendfile_f("test", p.wr(), in, 6, 0, nullptr, &sbytes, 0, 0), 0);
     EXPECT_EQ(sbytes, 4);
     EXPECT_EQ(W_sendfile_f("test", p.wr(), in, 0, 2, nullptr, nullptr, 0, 0), 0);
     p.close_wr();
-    EXPECT_EQ(drain(p.rd()), "678901");
-    close(in);
+    EXPECT_EQ(read_all(p.rd()), "678901");
 }
 
 TEST(WSendfile, WouldBlockWithNothingSentIsSilentWithFlagsZero)
 {
-    TempDir d;
-    const std::string f = file_with(d, "f", std::string(100, 'x'));
-    int in = open(f.c_str(), O_RDONLY);
+    InputFile f(std::string(100, 'x'));
+    const int in = f.fd();
     SmallPair sp;
     sp.fill();
     off_t sbytes = -1;
@@ -936,14 +827,12 @@ TEST(WSendfile, WouldBlockWithNothingSentIsSilentWithFlagsZero)
     EXPECT_EQ(errno, EAGAIN);
     EXPECT_EQ(sbytes, 0);
     EXPECT_EQ(cap.text(), "");
-    close(in);
 }
 
 TEST(WSendfile, WouldBlockWithNothingSentIsLoggedForAGuiltyPeer)
 {
-    TempDir d;
-    const std::string f = file_with(d, "f", std::string(100, 'x'));
-    int in = open(f.c_str(), O_RDONLY);
+    InputFile f(std::string(100, 'x'));
+    const int in = f.fd();
     SmallPair sp;
     sp.fill();
     off_t sbytes = -1;
@@ -953,15 +842,13 @@ TEST(WSendfile, WouldBlockWithNothingSentIsLoggedForAGuiltyPeer)
     EXPECT_EQ(cap.text(),
               strf("(ERR)  test: BSD sendfile(%d<-%d, 7, 100, %p, 0, 0x2) ", sp.out, in, (void*)nullptr) +
                   err_text(EAGAIN));
-    close(in);
 }
 
 TEST(WSendfile, APartialNonBlockingSendIsMinusOneWithErrnoZero)
 {
-    TempDir d;
     const size_t size = 4 * 1024 * 1024;
-    const std::string f = file_with(d, "f", std::string(size, 'y'));
-    int in = open(f.c_str(), O_RDONLY);
+    InputFile f(std::string(size, 'y'));
+    const int in = f.fd();
     SmallPair sp;
     ASSERT_EQ(fcntl(sp.out, F_SETFL, O_NONBLOCK), 0);
     off_t sbytes = -1;
@@ -972,7 +859,6 @@ TEST(WSendfile, APartialNonBlockingSendIsMinusOneWithErrnoZero)
     EXPECT_GT(sbytes, 0);
     EXPECT_LT(sbytes, (off_t)size);
     EXPECT_EQ(cap.text(), "");
-    close(in);
 }
 
 TEST(WSendfile, FailureLine)

@@ -41,6 +41,34 @@ struct Outputs {
         strcpy(host, "untouched");
         strcpy(port, "untouched");
     }
+    // Splits the path extracted into it.
+    const char* addrport() { return uri_path_addrport(path, URI_PATH_MAX, host, sizeof(host), port, sizeof(port)); }
+};
+
+// A URL that parses without a line, given buffers for the path, the query
+// and (when one is expected) the authority: checks what each one got.
+void expect_parts(const char* url, int kind, const char* authority, const char* path, const char* query)
+{
+    SCOPED_TRACE(url);
+    LogCapture cap;
+    Outputs o;
+    EXPECT_EQ(uri_extract(url, nullptr, authority ? o.authority : nullptr, o.path, o.query), kind);
+    if (authority != nullptr) {
+        EXPECT_STREQ(o.authority, authority);
+    }
+    EXPECT_STREQ(o.path, path);
+    EXPECT_STREQ(o.query, query);
+    EXPECT_EQ(cap.text(), "");
+}
+
+// Small address and port buffers for uri_path_addrport alone.
+struct HostPort {
+    char host[16] = "untouched";
+    char port[16] = "untouched";
+    const char* split(const char* path, size_t path_len)
+    {
+        return uri_path_addrport(path, path_len, host, sizeof(host), port, sizeof(port));
+    }
 };
 
 // ---------------------------------------------------------------------------
@@ -69,7 +97,7 @@ TEST_P(SourceForms, ComesOutAsListed)
     EXPECT_STREQ(o.authority, "untouched");
     EXPECT_STREQ(o.scheme, URI_KIND_STR[f.kind]);
     if (f.addr != nullptr) {
-        const char* tail = uri_path_addrport(o.path, URI_PATH_MAX, o.host, sizeof(o.host), o.port, sizeof(o.port));
+        const char* tail = o.addrport();
         ASSERT_NE(tail, nullptr);
         EXPECT_STREQ(o.host, f.addr);
         EXPECT_STREQ(o.port, f.port);
@@ -94,12 +122,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(UriExtract, FileUrlDropsItsQuery)
 {
-    LogCapture cap;
-    Outputs o;
-    EXPECT_EQ(uri_extract("file:///a.ts?x=1", nullptr, nullptr, o.path, o.query), URI_FILE);
-    EXPECT_STREQ(o.path, "/a.ts");
-    EXPECT_STREQ(o.query, "x=1");
-    EXPECT_EQ(cap.text(), "");
+    expect_parts("file:///a.ts?x=1", URI_FILE, nullptr, "/a.ts", "x=1");
 }
 
 TEST(UriExtract, AllOutputsMayBeNull)
@@ -219,43 +242,22 @@ TEST(UriExtract, LongSchemeWithSchemeBufferFailsOnTheScheme)
 
 TEST(UriExtract, LastQuestionMarkStartsTheQuery)
 {
-    LogCapture cap;
-    Outputs o;
-    EXPECT_EQ(uri_extract("http://10.0.0.1/a?x=1?y=2", nullptr, nullptr, o.path, o.query), URI_HTTP);
-    EXPECT_STREQ(o.path, "10.0.0.1/a?x=1");
-    EXPECT_STREQ(o.query, "y=2");
-    EXPECT_EQ(cap.text(), "");
+    expect_parts("http://10.0.0.1/a?x=1?y=2", URI_HTTP, nullptr, "10.0.0.1/a?x=1", "y=2");
 }
 
 TEST(UriExtract, TrailingSlashMeansNoQuery)
 {
-    LogCapture cap;
-    Outputs o;
-    EXPECT_EQ(uri_extract("http://10.0.0.1/a?x=1/", nullptr, nullptr, o.path, o.query), URI_HTTP);
-    EXPECT_STREQ(o.path, "10.0.0.1/a?x=1/");
-    EXPECT_STREQ(o.query, "untouched");
-    EXPECT_EQ(cap.text(), "");
+    expect_parts("http://10.0.0.1/a?x=1/", URI_HTTP, nullptr, "10.0.0.1/a?x=1/", "untouched");
 }
 
 TEST(UriExtract, FirstAtEndsTheAuthority)
 {
-    LogCapture cap;
-    Outputs o;
-    EXPECT_EQ(uri_extract("http://10.0.0.1/a@b", nullptr, o.authority, o.path, o.query), URI_HTTP);
-    EXPECT_STREQ(o.authority, "10.0.0.1/a");
-    EXPECT_STREQ(o.path, "b");
-    EXPECT_STREQ(o.query, "untouched");
-    EXPECT_EQ(cap.text(), "");
+    expect_parts("http://10.0.0.1/a@b", URI_HTTP, "10.0.0.1/a", "b", "untouched");
 }
 
 TEST(UriExtract, EmptyQueryIsAbsentNotAnError)
 {
-    LogCapture cap;
-    Outputs o;
-    EXPECT_EQ(uri_extract("http://10.0.0.1/?", nullptr, nullptr, o.path, o.query), URI_HTTP);
-    EXPECT_STREQ(o.path, "10.0.0.1/");
-    EXPECT_STREQ(o.query, "untouched");
-    EXPECT_EQ(cap.text(), "");
+    expect_parts("http://10.0.0.1/?", URI_HTTP, nullptr, "10.0.0.1/", "untouched");
 }
 
 TEST(UriExtract, AbsentPathIsAnError)
@@ -545,7 +547,7 @@ TEST(UriPathAddrport, MissingClosingBracketFails)
     LogCapture cap;
     Outputs o;
     EXPECT_EQ(uri_extract("udp://[ff02::1:5000", nullptr, nullptr, o.path, nullptr), URI_UDP);
-    EXPECT_EQ(uri_path_addrport(o.path, URI_PATH_MAX, o.host, sizeof(o.host), o.port, sizeof(o.port)), nullptr);
+    EXPECT_EQ(o.addrport(), nullptr);
     EXPECT_STREQ(o.host, "untouched");
     EXPECT_STREQ(o.port, "untouched");
     EXPECT_EQ(cap.text(), addrport_line("[ff02::1:5000"));
@@ -564,7 +566,7 @@ TEST(UriPathAddrport, EmptyPortIsLeftToTheSocketLayer)
     LogCapture cap;
     Outputs o;
     EXPECT_EQ(uri_extract("udp://10.0.0.1:", nullptr, nullptr, o.path, nullptr), URI_UDP);
-    const char* tail = uri_path_addrport(o.path, URI_PATH_MAX, o.host, sizeof(o.host), o.port, sizeof(o.port));
+    const char* tail = o.addrport();
     ASSERT_NE(tail, nullptr);
     EXPECT_STREQ(o.host, "10.0.0.1");
     EXPECT_STREQ(o.port, "untouched");
@@ -577,7 +579,7 @@ TEST(UriPathAddrport, BracketedWithoutPortTailKeepsTheBracket)
     LogCapture cap;
     Outputs o;
     EXPECT_EQ(uri_extract("http://[::1]/a.ts", nullptr, nullptr, o.path, nullptr), URI_HTTP);
-    const char* tail = uri_path_addrport(o.path, URI_PATH_MAX, o.host, sizeof(o.host), o.port, sizeof(o.port));
+    const char* tail = o.addrport();
     ASSERT_NE(tail, nullptr);
     EXPECT_STREQ(o.host, "::1");
     EXPECT_STREQ(o.port, "untouched");
@@ -585,7 +587,7 @@ TEST(UriPathAddrport, BracketedWithoutPortTailKeepsTheBracket)
 
     Outputs o2;
     EXPECT_EQ(uri_extract("http://[::1]:8080/a.ts", nullptr, nullptr, o2.path, nullptr), URI_HTTP);
-    tail = uri_path_addrport(o2.path, URI_PATH_MAX, o2.host, sizeof(o2.host), o2.port, sizeof(o2.port));
+    tail = o2.addrport();
     ASSERT_NE(tail, nullptr);
     EXPECT_STREQ(o2.host, "::1");
     EXPECT_STREQ(o2.port, "8080");
@@ -595,42 +597,39 @@ TEST(UriPathAddrport, BracketedWithoutPortTailKeepsTheBracket)
 
 TEST(UriPathAddrport, LeadingBlanksTabsAndSlashesSkipped)
 {
-    char host[16] = "untouched";
-    char port[16] = "untouched";
+    HostPort hp;
     const char* path = "/ \t//h:80?x";
-    const char* tail = uri_path_addrport(path, 128, host, sizeof(host), port, sizeof(port));
+    const char* tail = hp.split(path, 128);
     EXPECT_EQ(tail, path + 9);
-    EXPECT_STREQ(host, "h");
-    EXPECT_STREQ(port, "80");
+    EXPECT_STREQ(hp.host, "h");
+    EXPECT_STREQ(hp.port, "80");
 }
 
 TEST(UriPathAddrport, AddressEndsAtQuestionMarkOrSlash)
 {
-    char host[16];
-    char port[16] = "untouched";
+    HostPort hp;
     const char* p1 = "h?x";
-    EXPECT_EQ(uri_path_addrport(p1, 128, host, sizeof(host), port, sizeof(port)), p1 + 1);
-    EXPECT_STREQ(host, "h");
+    EXPECT_EQ(hp.split(p1, 128), p1 + 1);
+    EXPECT_STREQ(hp.host, "h");
     const char* p2 = "h2/x:1";
-    EXPECT_EQ(uri_path_addrport(p2, 128, host, sizeof(host), port, sizeof(port)), p2 + 2);
-    EXPECT_STREQ(host, "h2");
-    EXPECT_STREQ(port, "untouched");
+    EXPECT_EQ(hp.split(p2, 128), p2 + 2);
+    EXPECT_STREQ(hp.host, "h2");
+    EXPECT_STREQ(hp.port, "untouched");
 }
 
 TEST(UriPathAddrport, EmptyAddressLeavesAddrAlone)
 {
-    char host[16] = "untouched";
-    char port[16] = "untouched";
+    HostPort hp;
     const char* path = ":5000";
-    EXPECT_EQ(uri_path_addrport(path, 128, host, sizeof(host), port, sizeof(port)), path + 5);
-    EXPECT_STREQ(host, "untouched");
-    EXPECT_STREQ(port, "5000");
+    EXPECT_EQ(hp.split(path, 128), path + 5);
+    EXPECT_STREQ(hp.host, "untouched");
+    EXPECT_STREQ(hp.port, "5000");
 
     // Nothing but slashes gives nothing, and an empty tail.
     const char* slashes = "///";
-    EXPECT_EQ(uri_path_addrport(slashes, 128, host, sizeof(host), port, sizeof(port)), slashes + 3);
-    EXPECT_STREQ(host, "untouched");
-    EXPECT_STREQ(port, "5000");
+    EXPECT_EQ(hp.split(slashes, 128), slashes + 3);
+    EXPECT_STREQ(hp.host, "untouched");
+    EXPECT_STREQ(hp.port, "5000");
 }
 
 TEST(UriPathAddrport, PortIsAnyText)
@@ -694,28 +693,27 @@ TEST(UriPathAddrport, ScansStayWithinTheCapacity)
     LogCapture cap(ERR_level);
     // path_len is the capacity of the text: a text that runs into it without
     // an end fails instead of reading on.
-    char host[16] = "untouched";
-    char port[16] = "untouched";
-    EXPECT_EQ(uri_path_addrport("10.0.0.1:5000", 0, host, sizeof(host), port, sizeof(port)), nullptr);
-    EXPECT_EQ(uri_path_addrport("///h", 3, host, sizeof(host), port, sizeof(port)), nullptr);
-    EXPECT_EQ(uri_path_addrport("10.0.0.1:5000", 5, host, sizeof(host), port, sizeof(port)), nullptr);
-    EXPECT_EQ(uri_path_addrport("[::1]:5000", 5, host, sizeof(host), port, sizeof(port)), nullptr);
-    EXPECT_EQ(uri_path_addrport("h:5000", 4, host, sizeof(host), port, sizeof(port)), nullptr);
-    EXPECT_STREQ(host, "untouched");
-    EXPECT_STREQ(port, "untouched");
+    HostPort hp;
+    const std::pair<const char*, size_t> cut[] = {
+        {"10.0.0.1:5000", 0}, {"///h", 3}, {"10.0.0.1:5000", 5}, {"[::1]:5000", 5}, {"h:5000", 4},
+    };
+    for (const auto& [path, len] : cut)
+        EXPECT_EQ(hp.split(path, len), nullptr) << path << " in " << len;
+    EXPECT_STREQ(hp.host, "untouched");
+    EXPECT_STREQ(hp.port, "untouched");
     EXPECT_EQ(cap.text(), addrport_line("10.0.0.1:5000") + addrport_line("///h") + addrport_line("10.0.0.1:5000") +
                               addrport_line("[::1]:5000") + addrport_line("h:5000"));
 
     // The text with its terminator inside the capacity is whole.
     cap.clear();
     const char* p = "h:5000";
-    EXPECT_EQ(uri_path_addrport(p, 7, host, sizeof(host), port, sizeof(port)), p + 6);
-    EXPECT_STREQ(host, "h");
-    EXPECT_STREQ(port, "5000");
+    EXPECT_EQ(hp.split(p, 7), p + 6);
+    EXPECT_STREQ(hp.host, "h");
+    EXPECT_STREQ(hp.port, "5000");
     // A text cut by the capacity at a separator still yields what came before.
     const char* q = "h:50/rest";
-    EXPECT_EQ(uri_path_addrport(q, 5, host, sizeof(host), port, sizeof(port)), q + 4);
-    EXPECT_STREQ(port, "50");
+    EXPECT_EQ(hp.split(q, 5), q + 4);
+    EXPECT_STREQ(hp.port, "50");
     EXPECT_EQ(cap.text(), "");
 }
 

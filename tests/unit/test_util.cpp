@@ -2,19 +2,18 @@
 // handlers.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <getopt.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -22,98 +21,12 @@
 #include <vector>
 
 #include "logcap.h"
+#include "strf.h"
+#include "testfs.h"
+#include "testsig.h"
 #include "util.h"
 
 namespace {
-
-std::string fmt(const char* f, ...) __attribute__((format(printf, 1, 2)));
-std::string fmt(const char* f, ...)
-{
-    char buf[1024];
-    va_list ap;
-    va_start(ap, f);
-    vsnprintf(buf, sizeof(buf), f, ap);
-    va_end(ap);
-    return buf;
-}
-
-class TempDir {
-public:
-    TempDir()
-    {
-        char tmpl[] = "/tmp/kst-util-XXXXXX";
-        const char* p = mkdtemp(tmpl);
-        EXPECT_NE(p, nullptr);
-        path_ = p ? p : "";
-    }
-    ~TempDir() { (void)!system(("rm -rf " + path_).c_str()); }
-    const std::string& path() const { return path_; }
-    std::string at(const std::string& rel) const { return path_ + "/" + rel; }
-    std::string make(const std::string& rel, const std::string& content) const
-    {
-        const std::string p = at(rel);
-        int fd = open(p.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        EXPECT_GE(fd, 0);
-        EXPECT_EQ(write(fd, content.data(), content.size()), (ssize_t)content.size());
-        close(fd);
-        return p;
-    }
-    std::vector<std::string> entries() const
-    {
-        std::vector<std::string> out;
-        DIR* d = opendir(path_.c_str());
-        if (d == nullptr)
-            return out;
-        while (dirent* e = readdir(d)) {
-            if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0)
-                out.emplace_back(e->d_name);
-        }
-        closedir(d);
-        return out;
-    }
-
-private:
-    std::string path_;
-};
-
-// Runs a piece of a test from inside a directory, going back afterwards.
-class InDir {
-public:
-    explicit InDir(const std::string& dir)
-    {
-        EXPECT_NE(getcwd(saved_, sizeof(saved_)), nullptr);
-        EXPECT_EQ(chdir(dir.c_str()), 0);
-    }
-    ~InDir() { (void)!chdir(saved_); }
-
-private:
-    char saved_[PATH_MAX] = {};
-};
-
-bool is_dir(const std::string& p)
-{
-    struct stat st {};
-    return stat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-bool exists(const std::string& p)
-{
-    struct stat st {};
-    return lstat(p.c_str(), &st) == 0;
-}
-
-// Keeps a signal's disposition across a test.
-class SavedAction {
-public:
-    explicit SavedAction(int signo) : signo_(signo) { sigaction(signo_, nullptr, &saved_); }
-    ~SavedAction() { sigaction(signo_, &saved_, nullptr); }
-    SavedAction(const SavedAction&) = delete;
-    SavedAction& operator=(const SavedAction&) = delete;
-
-private:
-    int signo_;
-    struct sigaction saved_ {};
-};
 
 sig_handler_fn current_handler(int signo)
 {
@@ -130,6 +43,14 @@ void reset_flags()
     g_tdbg = 0;
     g_goodbye = 0;
     g_sigctx = 0;
+}
+
+// Gives a file this modification time (the access time does not matter
+// here) and returns what utimes returns.
+int set_mtime(const std::string& path, time_t mtime)
+{
+    const timeval tv[2] = {{1000, 0}, {mtime, 0}};
+    return utimes(path.c_str(), tv);
 }
 
 volatile sig_atomic_t g_test_signo = 0;
@@ -194,18 +115,22 @@ TEST(UtilGetopt, ResetAfterAPartialRunStartsFromTheFirstArgument)
 
 TEST(UtilFiles, FmodeStrNamesEachFileType)
 {
-    EXPECT_STREQ(fmode_str(S_IFIFO), "FIFO");
-    EXPECT_STREQ(fmode_str(S_IFCHR), "CHR");
-    EXPECT_STREQ(fmode_str(S_IFDIR), "DIR");
-    EXPECT_STREQ(fmode_str(S_IFBLK), "BLK");
-    EXPECT_STREQ(fmode_str(S_IFREG), "FILE");
-    EXPECT_STREQ(fmode_str(S_IFLNK), "LINK");
-    EXPECT_STREQ(fmode_str(S_IFSOCK), "SOCK");
-    EXPECT_STREQ(fmode_str(0), "{???}");
-    EXPECT_STREQ(fmode_str(0644), "{???}");
-    // Permission bits do not change the type.
-    EXPECT_STREQ(fmode_str(S_IFREG | 0755), "FILE");
-    EXPECT_STREQ(fmode_str(S_IFDIR | 01777), "DIR");
+    const std::pair<mode_t, const char*> names[] = {
+        {S_IFIFO, "FIFO"},
+        {S_IFCHR, "CHR"},
+        {S_IFDIR, "DIR"},
+        {S_IFBLK, "BLK"},
+        {S_IFREG, "FILE"},
+        {S_IFLNK, "LINK"},
+        {S_IFSOCK, "SOCK"},
+        {0, "{???}"},
+        {0644, "{???}"},
+        // Permission bits do not change the type.
+        {S_IFREG | 0755, "FILE"},
+        {S_IFDIR | 01777, "DIR"},
+    };
+    for (const auto& [mode, name] : names)
+        EXPECT_STREQ(fmode_str(mode), name) << std::oct << mode;
 }
 
 TEST(UtilFiles, GetStatModeOfAPipeAndAFile)
@@ -219,7 +144,7 @@ TEST(UtilFiles, GetStatModeOfAPipeAndAFile)
     close(fds[0]);
     close(fds[1]);
 
-    TempDir d;
+    TempDir d("util");
     const std::string p = d.make("f", "x");
     int fd = open(p.c_str(), O_RDONLY);
     ASSERT_GE(fd, 0);
@@ -245,7 +170,7 @@ TEST(UtilFilesDeathTest, GetStatModeOfABadDescriptorLogsAndAborts)
 
 TEST(UtilFiles, GetFileSize)
 {
-    TempDir d;
+    TempDir d("util");
     const std::string p = d.make("five", "12345");
     LogCapture cap;
     EXPECT_EQ(get_file_size(p.c_str()), 5);
@@ -256,24 +181,23 @@ TEST(UtilFiles, GetFileSize)
     errno = 0;
     EXPECT_EQ(get_file_size(missing.c_str()), -1);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(cap.text(), fmt("(ERR)  get_file_size: FAILED to retrieve mode for [%s]: %s\n",
-                              missing.c_str(), strerror(ENOENT)));
+    EXPECT_EQ(cap.text(), strf("(ERR)  get_file_size: FAILED to retrieve mode for [%s]: %s\n",
+                               missing.c_str(), strerror(ENOENT)));
 }
 
 TEST(UtilFiles, GetFileMtime)
 {
-    TempDir d;
+    TempDir d("util");
     const std::string p = d.make("f", "x");
-    const timeval tv[2] = {{1000000, 0}, {1234567890, 0}};
-    ASSERT_EQ(utimes(p.c_str(), tv), 0);
+    ASSERT_EQ(set_mtime(p, 1234567890), 0);
     LogCapture cap;
     EXPECT_EQ(get_file_mtime(p.c_str()), 1234567890);
     EXPECT_EQ(cap.text(), "");
 
     const std::string missing = d.at("missing");
     EXPECT_EQ(get_file_mtime(missing.c_str()), -1);
-    EXPECT_EQ(cap.text(), fmt("(ERR)  get_file_mtime: FAILED to retrieve mtime for [%s]: %s\n",
-                              missing.c_str(), strerror(ENOENT)));
+    EXPECT_EQ(cap.text(), strf("(ERR)  get_file_mtime: FAILED to retrieve mtime for [%s]: %s\n",
+                               missing.c_str(), strerror(ENOENT)));
 }
 
 // ---- names ----
@@ -402,25 +326,25 @@ TEST(UtilDirCheck, TrimCutsOneTrailingSlashInTheCallersBuffer)
 
 TEST(UtilDirCheck, FailureLogsAndReturnsErrno)
 {
-    TempDir d;
+    TempDir d("util");
     const std::string missing = d.at("missing");
     std::string buf = missing + "/";
     LogCapture cap;
     EXPECT_EQ(dir_check(buf.data(), true), ENOENT);
     EXPECT_STREQ(buf.c_str(), missing.c_str());
-    EXPECT_EQ(cap.text(), fmt("(ERR)  dir_check: opendir('%s', ...) ERROR(%d): %s\n", missing.c_str(),
-                              ENOENT, strerror(ENOENT)));
+    EXPECT_EQ(cap.text(), strf("(ERR)  dir_check: opendir('%s', ...) ERROR(%d): %s\n", missing.c_str(),
+                               ENOENT, strerror(ENOENT)));
 
     cap.clear();
     std::string file = d.make("plain", "x");
     EXPECT_EQ(dir_check(file.data(), false), ENOTDIR);
-    EXPECT_EQ(cap.text(), fmt("(ERR)  dir_check: opendir('%s', ...) ERROR(%d): %s\n", file.c_str(),
-                              ENOTDIR, strerror(ENOTDIR)));
+    EXPECT_EQ(cap.text(), strf("(ERR)  dir_check: opendir('%s', ...) ERROR(%d): %s\n", file.c_str(),
+                               ENOTDIR, strerror(ENOTDIR)));
 }
 
 TEST(UtilMkFpathDirs, CreatesTheDirectoriesButNotTheFile)
 {
-    TempDir d;
+    TempDir d("util");
     LogCapture cap;
     {
         InDir in(d.path());
@@ -448,7 +372,7 @@ TEST(UtilMkFpathDirs, CreatesTheDirectoriesButNotTheFile)
 
 TEST(UtilMkFpathDirs, APlainNameCreatesNothing)
 {
-    TempDir d;
+    TempDir d("util");
     {
         InDir in(d.path());
         EXPECT_EQ(mk_fpath_dirs("c.txt"), 0);
@@ -458,18 +382,18 @@ TEST(UtilMkFpathDirs, APlainNameCreatesNothing)
 
 TEST(UtilMkFpathDirs, AbsolutePath)
 {
-    TempDir d;
+    TempDir d("util");
     const std::string p = d.at("x/y/z/f.ts");
     LogCapture cap;
     EXPECT_EQ(mk_fpath_dirs(p.c_str()), 0);
     EXPECT_TRUE(is_dir(d.at("x/y/z")));
     EXPECT_FALSE(exists(p));
-    EXPECT_EQ(cap.text(), fmt("(DBG)  mk_fpath_dirs: dirs=%s\n", d.at("x/y/z").c_str()));
+    EXPECT_EQ(cap.text(), strf("(DBG)  mk_fpath_dirs: dirs=%s\n", d.at("x/y/z").c_str()));
 }
 
 TEST(UtilMkFpathDirs, FailureLogsTheDirectoryAndKeepsErrno)
 {
-    TempDir d;
+    TempDir d("util");
     d.make("f", "x");
     LogCapture cap;
     {
@@ -478,16 +402,16 @@ TEST(UtilMkFpathDirs, FailureLogsTheDirectoryAndKeepsErrno)
         EXPECT_EQ(mk_fpath_dirs("f/x/y.txt"), -1);
         EXPECT_EQ(errno, ENOTDIR);
     }
-    EXPECT_EQ(cap.text(), fmt("(DBG)  mk_fpath_dirs: dirs=f/x\n"
-                              "(ERR)  mk_fpath_dirs: mkdir(f/x) ERROR(%d): %s\n",
-                              ENOTDIR, strerror(ENOTDIR)));
+    EXPECT_EQ(cap.text(), strf("(DBG)  mk_fpath_dirs: dirs=f/x\n"
+                               "(ERR)  mk_fpath_dirs: mkdir(f/x) ERROR(%d): %s\n",
+                               ENOTDIR, strerror(ENOTDIR)));
 }
 
 // ---- opening and reading files ----
 
 TEST(UtilFopenAny, TriesTheDirectoriesInOrder)
 {
-    TempDir d;
+    TempDir d("util");
     ASSERT_EQ(mkdir(d.at("one").c_str(), 0755), 0);
     ASSERT_EQ(mkdir(d.at("two").c_str(), 0755), 0);
     ASSERT_EQ(mkdir(d.at("three").c_str(), 0755), 0);
@@ -507,15 +431,15 @@ TEST(UtilFopenAny, TriesTheDirectoriesInOrder)
     // A directory that ends in '/' gets no second one.
     const std::string opened = d.at("two/kst.conf");
     EXPECT_STREQ(path, opened.c_str());
-    EXPECT_EQ(cap.text(), fmt("(DBG)  fopen_any: trying to open [%s/kst.conf]\n"
-                              "(DBG)  fopen_any: trying to open [%s]\n"
-                              "(DBG)  fopen_any: opened [%s]\n",
-                              one.c_str(), opened.c_str(), opened.c_str()));
+    EXPECT_EQ(cap.text(), strf("(DBG)  fopen_any: trying to open [%s/kst.conf]\n"
+                               "(DBG)  fopen_any: trying to open [%s]\n"
+                               "(DBG)  fopen_any: opened [%s]\n",
+                               one.c_str(), opened.c_str(), opened.c_str()));
 }
 
 TEST(UtilFopenAny, NoneOpensEmptiesThePath)
 {
-    TempDir d;
+    TempDir d("util");
     d.make("kst.conf", "x");
     const std::string missing = d.at("missing");
     const std::string here = d.path();
@@ -525,7 +449,7 @@ TEST(UtilFopenAny, NoneOpensEmptiesThePath)
     // Only the first directory counts.
     EXPECT_EQ(fopen_any("kst.conf", "r", 1, dirs, path, sizeof(path)), nullptr);
     EXPECT_STREQ(path, "");
-    EXPECT_EQ(cap.text(), fmt("(DBG)  fopen_any: trying to open [%s/kst.conf]\n", missing.c_str()));
+    EXPECT_EQ(cap.text(), strf("(DBG)  fopen_any: trying to open [%s/kst.conf]\n", missing.c_str()));
 
     // No directories at all.
     strcpy(path, "junk");
@@ -535,7 +459,7 @@ TEST(UtilFopenAny, NoneOpensEmptiesThePath)
 
 TEST(UtilFopenAny, StopsAtANullEntry)
 {
-    TempDir d;
+    TempDir d("util");
     d.make("kst.conf", "x");
     const std::string missing = d.at("missing");
     const std::string here = d.path();
@@ -544,12 +468,12 @@ TEST(UtilFopenAny, StopsAtANullEntry)
     char path[256];
     EXPECT_EQ(fopen_any("kst.conf", "r", 3, dirs, path, sizeof(path)), nullptr);
     EXPECT_STREQ(path, "");
-    EXPECT_EQ(cap.text(), fmt("(DBG)  fopen_any: trying to open [%s/kst.conf]\n", missing.c_str()));
+    EXPECT_EQ(cap.text(), strf("(DBG)  fopen_any: trying to open [%s/kst.conf]\n", missing.c_str()));
 }
 
 TEST(UtilFopenAny, ANameThatDoesNotFitIsE2BIG)
 {
-    TempDir d;
+    TempDir d("util");
     d.make("kst.conf", "x");
     const std::string here = d.path();
     const char* const dirs[] = {here.c_str()};
@@ -572,7 +496,7 @@ TEST(UtilFopenAny, ANameThatDoesNotFitIsE2BIG)
 
 TEST(UtilPickFirstFile, FirstExistingPathWins)
 {
-    TempDir d;
+    TempDir d("util");
     const std::string a = d.at("a"), b = d.make("b", "x"), c = d.make("c", "y");
     ASSERT_EQ(mkdir(d.at("dir").c_str(), 0755), 0);
     const std::string dir = d.at("dir");
@@ -588,7 +512,7 @@ TEST(UtilPickFirstFile, FirstExistingPathWins)
 
 TEST(UtilReadFileBuf, ReadsTheWholeFile)
 {
-    TempDir d;
+    TempDir d("util");
     const std::string p = d.make("f", "hello, world");
     LogCapture cap;
     char buf[64];
@@ -605,7 +529,7 @@ TEST(UtilReadFileBuf, ReadsTheWholeFile)
 
 TEST(UtilReadFileBuf, TooBigForTheBufferIsMinusSeven)
 {
-    TempDir d;
+    TempDir d("util");
     const std::string p = d.make("f", "hello, world");
     LogCapture cap;
     char buf[64];
@@ -618,7 +542,7 @@ TEST(UtilReadFileBuf, TooBigForTheBufferIsMinusSeven)
 TEST(UtilReadFileBuf, UnderreadIsMinusOne)
 {
     // A directory opens read-only and has a size, but a read of it fails.
-    TempDir d;
+    TempDir d("util");
     struct stat st {};
     ASSERT_EQ(stat(d.path().c_str(), &st), 0);
     if (st.st_size <= 0)
@@ -626,13 +550,13 @@ TEST(UtilReadFileBuf, UnderreadIsMinusOne)
     std::vector<char> buf((size_t)st.st_size + 16);
     LogCapture cap;
     EXPECT_EQ(read_file_buf(d.path().c_str(), buf.data(), buf.size()), -1);
-    EXPECT_EQ(cap.text(), fmt("(ERR)  read_file_buf: [%s] underread: -1/%ld\n", d.path().c_str(),
-                              (long)st.st_size));
+    EXPECT_EQ(cap.text(), strf("(ERR)  read_file_buf: [%s] underread: -1/%ld\n", d.path().c_str(),
+                               (long)st.st_size));
 }
 
 TEST(UtilReadFileBuf, MissingFileIsMinusOne)
 {
-    TempDir d;
+    TempDir d("util");
     const std::string p = d.at("missing");
     LogCapture cap;
     char buf[16];
@@ -647,7 +571,7 @@ TEST(UtilReadFileBuf, MissingFileIsMinusOne)
 
 TEST(UtilReadFileBuf, LeavesTheDescriptorOpen)
 {
-    TempDir d;
+    TempDir d("util");
     const std::string p = d.make("f", "abc");
     char buf[8];
     // The next free descriptor is the one the read will take.
@@ -661,10 +585,9 @@ TEST(UtilReadFileBuf, LeavesTheDescriptorOpen)
 
 TEST(UtilChkFileUpdated, GrowsOnlyWithANewerTime)
 {
-    TempDir d;
+    TempDir d("util");
     const std::string p = d.make("f", "x");
-    const timeval old_tv[2] = {{1000, 0}, {2000, 0}};
-    ASSERT_EQ(utimes(p.c_str(), old_tv), 0);
+    ASSERT_EQ(set_mtime(p, 2000), 0);
     LogCapture cap;
     time_t mt = 0;
     EXPECT_TRUE(chk_file_updated(p.c_str(), &mt));
@@ -673,13 +596,11 @@ TEST(UtilChkFileUpdated, GrowsOnlyWithANewerTime)
     EXPECT_EQ(mt, 2000);
 
     // An older time is stored but is no update.
-    const timeval older_tv[2] = {{1000, 0}, {1500, 0}};
-    ASSERT_EQ(utimes(p.c_str(), older_tv), 0);
+    ASSERT_EQ(set_mtime(p, 1500), 0);
     EXPECT_FALSE(chk_file_updated(p.c_str(), &mt));
     EXPECT_EQ(mt, 1500);
 
-    const timeval new_tv[2] = {{1000, 0}, {3000, 0}};
-    ASSERT_EQ(utimes(p.c_str(), new_tv), 0);
+    ASSERT_EQ(set_mtime(p, 3000), 0);
     EXPECT_TRUE(chk_file_updated(p.c_str(), &mt));
     EXPECT_EQ(mt, 3000);
     EXPECT_EQ(cap.text(), "");
@@ -687,22 +608,21 @@ TEST(UtilChkFileUpdated, GrowsOnlyWithANewerTime)
 
 TEST(UtilChkFileUpdated, VanishedStoresMinusOneAndReappearingIsAnUpdate)
 {
-    TempDir d;
+    TempDir d("util");
     const std::string p = d.make("f", "x");
-    const timeval tv[2] = {{1000, 0}, {2000, 0}};
-    ASSERT_EQ(utimes(p.c_str(), tv), 0);
+    ASSERT_EQ(set_mtime(p, 2000), 0);
     LogCapture cap;
     time_t mt = 0;
     EXPECT_TRUE(chk_file_updated(p.c_str(), &mt));
     ASSERT_EQ(unlink(p.c_str()), 0);
     EXPECT_FALSE(chk_file_updated(p.c_str(), &mt));
     EXPECT_EQ(mt, -1);
-    EXPECT_EQ(cap.text(), fmt("(ERR)  get_file_mtime: FAILED to retrieve mtime for [%s]: %s\n",
-                              p.c_str(), strerror(ENOENT)));
+    EXPECT_EQ(cap.text(), strf("(ERR)  get_file_mtime: FAILED to retrieve mtime for [%s]: %s\n",
+                               p.c_str(), strerror(ENOENT)));
 
     // Back with its old time: still newer than "missing".
     d.make("f", "y");
-    ASSERT_EQ(utimes(p.c_str(), tv), 0);
+    ASSERT_EQ(set_mtime(p, 2000), 0);
     EXPECT_TRUE(chk_file_updated(p.c_str(), &mt));
     EXPECT_EQ(mt, 2000);
 }
@@ -833,8 +753,8 @@ TEST(UtilSignals, HandleSigFailureLogs)
     errno = 0;
     EXPECT_EQ(handle_sig(SIGKILL, record_signo), -1);
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(cap.text(), fmt("(ERR)  handle_sig: sigaction (signo=%d) ERROR(%d): %s\n", SIGKILL, EINVAL,
-                              strerror(EINVAL)));
+    EXPECT_EQ(cap.text(), strf("(ERR)  handle_sig: sigaction (signo=%d) ERROR(%d): %s\n", SIGKILL, EINVAL,
+                               strerror(EINVAL)));
 }
 
 TEST(UtilSignals, IgnoreSigpipeTurnsAWriteToAClosedPipeIntoEPIPE)
@@ -853,30 +773,27 @@ TEST(UtilSignals, IgnoreSigpipeTurnsAWriteToAClosedPipeIntoEPIPE)
     EXPECT_EQ(cap.text(), "");
 }
 
-namespace {
-
-// Keeps the process's core limit across a test: an unlimited core here
-// would let every death test leave a core file behind.
-class SavedCoreLimit {
-public:
-    SavedCoreLimit() { getrlimit(RLIMIT_CORE, &saved_); }
-    ~SavedCoreLimit() { setrlimit(RLIMIT_CORE, &saved_); }
-    bool hard_is_infinite() const { return saved_.rlim_max == RLIM_INFINITY; }
+// Each test starts from a core limit of 0 under an infinite hard one. The
+// process's own limit comes back afterwards: an unlimited core here would
+// let every death test leave a core file behind.
+class UtilCoreLimit : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        getrlimit(RLIMIT_CORE, &saved_);
+        if (saved_.rlim_max != RLIM_INFINITY)
+            GTEST_SKIP() << "the hard core limit is not infinite";
+        const rlimit small{0, RLIM_INFINITY};
+        ASSERT_EQ(setrlimit(RLIMIT_CORE, &small), 0);
+    }
+    void TearDown() override { setrlimit(RLIMIT_CORE, &saved_); }
 
 private:
     rlimit saved_{};
 };
 
-}  // namespace
-
-TEST(UtilCoreLimit, RaisesALimitedCoreToInfinity)
+TEST_F(UtilCoreLimit, RaisesALimitedCoreToInfinity)
 {
-    SavedCoreLimit keep;
-    if (!keep.hard_is_infinite())
-        GTEST_SKIP() << "the hard core limit is not infinite";
-    const rlimit small{0, RLIM_INFINITY};
-    ASSERT_EQ(setrlimit(RLIMIT_CORE, &small), 0);
-
     LogCapture cap;
     rlimit old{};
     EXPECT_EQ(set_unlimited_core(&old), 0);
@@ -884,9 +801,9 @@ TEST(UtilCoreLimit, RaisesALimitedCoreToInfinity)
     EXPECT_EQ(old.rlim_max, RLIM_INFINITY);
     // An infinite hard limit reads -1 here, the largest signed value on
     // platforms whose RLIM_INFINITY is that.
-    EXPECT_EQ(cap.text(), fmt("(DBG)  set_unlimited_core: current=0/%ld\n"
-                              "(DBG)  set_unlimited_core: OK\n",
-                              (long)RLIM_INFINITY));
+    EXPECT_EQ(cap.text(), strf("(DBG)  set_unlimited_core: current=0/%ld\n"
+                               "(DBG)  set_unlimited_core: OK\n",
+                               (long)RLIM_INFINITY));
     rlimit now{};
     ASSERT_EQ(getrlimit(RLIMIT_CORE, &now), 0);
     EXPECT_EQ(now.rlim_cur, RLIM_INFINITY);
@@ -902,13 +819,8 @@ TEST(UtilCoreLimit, RaisesALimitedCoreToInfinity)
     EXPECT_EQ(cap.text(), "(DBG)  set_unlimited_core: already set\n");
 }
 
-TEST(UtilCoreLimit, SilentAboveDebug)
+TEST_F(UtilCoreLimit, SilentAboveDebug)
 {
-    SavedCoreLimit keep;
-    if (!keep.hard_is_infinite())
-        GTEST_SKIP() << "the hard core limit is not infinite";
-    const rlimit small{0, RLIM_INFINITY};
-    ASSERT_EQ(setrlimit(RLIMIT_CORE, &small), 0);
     LogCapture cap(INFO_level);
     EXPECT_EQ(set_unlimited_core(nullptr), 0);
     EXPECT_EQ(cap.text(), "");
@@ -942,46 +854,40 @@ TEST(UtilCoreLimitDeathTest, AnUnprivilegedRaiseFailsWithALine)
     EXPECT_EXIT(raise_core_as_nobody(), testing::ExitedWithCode(0), line);
 }
 
-TEST(UtilHandlers, OnSighupSetsItsFlagAndLogs)
+namespace {
+
+// Installs a ready-made handler, raises its signal once, and checks that the
+// handler set its own flag alone and logged the one line.
+void expect_flag_and_line(int signo, sig_handler_fn handler, const volatile sig_atomic_t& flag, int level,
+                          const std::string& line)
 {
     reset_flags();
-    SavedAction saved(SIGHUP);
-    LogCapture cap(NORM_level);
-    ASSERT_EQ(handle_sig(SIGHUP, on_sighup), 0);
-    raise(SIGHUP);
-    EXPECT_EQ(g_hup, 1);
+    SavedAction saved(signo);
+    LogCapture cap(level);
+    ASSERT_EQ(handle_sig(signo, handler), 0);
+    raise(signo);
+    EXPECT_EQ(flag, 1);
     EXPECT_EQ(g_sigctx, 0);
-    EXPECT_EQ(g_usr1 + g_tdbg + g_quit + g_goodbye, 0);
-    EXPECT_EQ(cap.text(), "(NRM)  SIGHUP(1)\n");
+    EXPECT_EQ(g_hup + g_usr1 + g_tdbg + g_quit + g_goodbye - flag, 0);
+    EXPECT_EQ(cap.text(), line);
     reset_flags();
+}
+
+}  // namespace
+
+TEST(UtilHandlers, OnSighupSetsItsFlagAndLogs)
+{
+    expect_flag_and_line(SIGHUP, on_sighup, g_hup, NORM_level, "(NRM)  SIGHUP(1)\n");
 }
 
 TEST(UtilHandlers, OnSigusr1SetsItsFlagAndLogs)
 {
-    reset_flags();
-    SavedAction saved(SIGUSR1);
-    LogCapture cap;
-    ASSERT_EQ(handle_sig(SIGUSR1, on_sigusr1), 0);
-    raise(SIGUSR1);
-    EXPECT_EQ(g_usr1, 1);
-    EXPECT_EQ(g_sigctx, 0);
-    EXPECT_EQ(g_hup + g_tdbg + g_quit + g_goodbye, 0);
-    EXPECT_EQ(cap.text(), fmt("(NRM)  SIGUSR1(%d)\n", SIGUSR1));
-    reset_flags();
+    expect_flag_and_line(SIGUSR1, on_sigusr1, g_usr1, DEBUG_level, strf("(NRM)  SIGUSR1(%d)\n", SIGUSR1));
 }
 
 TEST(UtilHandlers, OnTdbgSetsItsFlagAndLogs)
 {
-    reset_flags();
-    SavedAction saved(SIGUSR2);
-    LogCapture cap;
-    ASSERT_EQ(handle_sig(SIGUSR2, on_tdbg), 0);
-    raise(SIGUSR2);
-    EXPECT_EQ(g_tdbg, 1);
-    EXPECT_EQ(g_sigctx, 0);
-    EXPECT_EQ(g_hup + g_usr1 + g_quit + g_goodbye, 0);
-    EXPECT_EQ(cap.text(), fmt("(NRM)  T-DBG SIG(%d)\n", SIGUSR2));
-    reset_flags();
+    expect_flag_and_line(SIGUSR2, on_tdbg, g_tdbg, DEBUG_level, strf("(NRM)  T-DBG SIG(%d)\n", SIGUSR2));
 }
 
 TEST(UtilHandlers, HandlerLinesAreHeldBelowNorm)
@@ -1005,7 +911,7 @@ TEST(UtilHandlers, OnSigquitSetsQuitAndIgnoresTheRest)
     EXPECT_EQ(g_quit, 1);
     EXPECT_EQ(g_goodbye, 0);
     EXPECT_EQ(g_sigctx, 0);
-    EXPECT_EQ(cap.text(), fmt("(NRM)  QUIT-SIG(%d)\n", SIGQUIT));
+    EXPECT_EQ(cap.text(), strf("(NRM)  QUIT-SIG(%d)\n", SIGQUIT));
     EXPECT_EQ(current_handler(SIGCHLD), SIG_IGN);
     EXPECT_EQ(current_handler(SIGHUP), SIG_IGN);
     EXPECT_EQ(current_handler(SIGUSR1), SIG_IGN);
@@ -1023,7 +929,7 @@ TEST(UtilHandlers, OnSigquitSaysGoodbyeForIntAndTerm)
         EXPECT_EQ(g_quit, 1) << signo;
         EXPECT_EQ(g_goodbye, 1) << signo;
         EXPECT_EQ(g_sigctx, 0);
-        EXPECT_EQ(cap.text(), fmt("(NRM)  QUIT-SIG(%d)\n", signo));
+        EXPECT_EQ(cap.text(), strf("(NRM)  QUIT-SIG(%d)\n", signo));
     }
     reset_flags();
 }

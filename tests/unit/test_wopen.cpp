@@ -4,53 +4,37 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <cstdlib>
 #include <string>
 
 #include "logcap.h"
+#include "testfs.h"
 #include "uri.h"
 #include "wopen.h"
 
 namespace {
 
-class TempDir {
-public:
-    TempDir()
-    {
-        char tmpl[] = "/tmp/kst-wopen-XXXXXX";
-        path_ = mkdtemp(tmpl);
-    }
-    ~TempDir() { (void)!system(("rm -rf " + path_).c_str()); }
-    const std::string& path() const { return path_; }
-    std::string make(const std::string& rel, const std::string& content)
-    {
-        const std::string p = path_ + "/" + rel;
-        int fd = open(p.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        EXPECT_GE(fd, 0);
-        EXPECT_EQ(write(fd, content.data(), content.size()), (ssize_t)content.size());
-        close(fd);
-        return p;
-    }
-
-private:
-    std::string path_;
+// What opening a URL that must be refused leaves: the handle, which must own
+// no path, and the log.
+struct Refused {
+    usock_ctx uc;
+    std::string log;
 };
 
-std::string read_all(int fd)
+Refused open_refused(const char* url)
 {
-    std::string s;
-    char buf[256];
-    ssize_t n;
-    while ((n = read(fd, buf, sizeof(buf))) > 0)
-        s.append(buf, (size_t)n);
-    return s;
+    LogCapture cap;
+    Refused r{};
+    EXPECT_EQ(usock_open(url, &r.uc), -1);
+    EXPECT_EQ(r.uc.url_path, nullptr);
+    r.log = cap.text();
+    return r;
 }
 
 }  // namespace
 
 TEST(Wopen, AbsoluteFileUrlOpensTheAbsolutePath)
 {
-    TempDir d;
+    TempDir d("wopen");
     const std::string p = d.make("abs.ts", "ABS");
     LogCapture cap;
     usock_ctx uc{};
@@ -67,8 +51,8 @@ TEST(Wopen, AbsoluteFileUrlOpensTheAbsolutePath)
 
 TEST(Wopen, RelativeFileUrlOpensTheRelativePath)
 {
-    TempDir d;
-    ASSERT_EQ(mkdir((d.path() + "/relative").c_str(), 0755), 0);
+    TempDir d("wopen");
+    ASSERT_EQ(mkdir(d.at("relative").c_str(), 0755), 0);
     d.make("relative/name.ts", "REL");
     char old[4096];
     ASSERT_NE(getcwd(old, sizeof(old)), nullptr);
@@ -84,7 +68,7 @@ TEST(Wopen, RelativeFileUrlOpensTheRelativePath)
 
 TEST(Wopen, QueryOfAFileUrlIsDropped)
 {
-    TempDir d;
+    TempDir d("wopen");
     const std::string p = d.make("a.ts", "Q");
     usock_ctx uc{};
     int fd = usock_open(("file://" + p + "?x=1").c_str(), &uc);
@@ -95,46 +79,34 @@ TEST(Wopen, QueryOfAFileUrlIsDropped)
 
 TEST(Wopen, PlainPathHasNoKind)
 {
-    LogCapture cap;
-    usock_ctx uc{};
-    EXPECT_EQ(usock_open("/tmp/a.ts", &uc), -1);
-    EXPECT_EQ(uc.url_kind, URI_BAD);
-    EXPECT_EQ(uc.url_path, nullptr);
-    EXPECT_EQ(cap.text(), "(ERR)  uri_extract: error parsing URI: [/tmp/a.ts]\n");
+    const Refused r = open_refused("/tmp/a.ts");
+    EXPECT_EQ(r.uc.url_kind, URI_BAD);
+    EXPECT_EQ(r.log, "(ERR)  uri_extract: error parsing URI: [/tmp/a.ts]\n");
 }
 
 TEST(Wopen, PathOf128CharactersFailsBeforeAnyOpen)
 {
-    LogCapture cap;
     const std::string path = "/" + std::string(127, 'a');
     ASSERT_EQ(path.size(), 128u);
-    usock_ctx uc{};
-    EXPECT_EQ(usock_open(("file://" + path).c_str(), &uc), -1);
-    EXPECT_EQ(uc.url_path, nullptr);
-    EXPECT_EQ(cap.text(), "(ERR)  extract: uri_get_path ERROR\n(ERR)  uri_extract: error parsing URI: [file://" +
-                              path + "]\n");
+    const Refused r = open_refused(("file://" + path).c_str());
+    EXPECT_EQ(r.log, "(ERR)  extract: uri_get_path ERROR\n(ERR)  uri_extract: error parsing URI: [file://" + path +
+                         "]\n");
 }
 
 TEST(Wopen, MissingFileLogsTheOpenAndCleansUp)
 {
-    LogCapture cap;
-    usock_ctx uc{};
-    EXPECT_EQ(usock_open("file:///nonexistent-dir/x.ts", &uc), -1);
-    EXPECT_EQ(uc.url_path, nullptr);
-    EXPECT_EQ(cap.text(),
+    const Refused r = open_refused("file:///nonexistent-dir/x.ts");
+    EXPECT_EQ(r.log,
               "(ERR)  usock_open: open('/nonexistent-dir/x.ts', 0, 0x0) ERROR(2): No such file or directory\n"
               "(DBG)  usock_open: fd-1 FILE [/nonexistent-dir/x.ts]\n");
 }
 
 TEST(Wopen, PlaylistSchemeParsesButIsRefused)
 {
-    LogCapture cap;
-    usock_ctx uc{};
-    EXPECT_EQ(usock_open("m3u://host/list.m3u8", &uc), -1);
-    EXPECT_EQ(uc.url_kind, URI_HLS);
-    EXPECT_EQ(uc.url_path, nullptr);
+    const Refused r = open_refused("m3u://host/list.m3u8");
+    EXPECT_EQ(r.uc.url_kind, URI_HLS);
     // The line has no line end of its own.
-    EXPECT_EQ(cap.text(), "(ERR)  usock_open: unsupported type of URI [m3u://host/list.m3u8]");
+    EXPECT_EQ(r.log, "(ERR)  usock_open: unsupported type of URI [m3u://host/list.m3u8]");
 }
 
 TEST(Wopen, ALentBufferStaysTheCallersOnFailure)
@@ -157,7 +129,7 @@ TEST(Wopen, CloseOfNothingDoesNothing)
 
 TEST(Wopen, AHandleCanBeOpenedAgainAfterClose)
 {
-    TempDir d;
+    TempDir d("wopen");
     const std::string p = d.make("again.ts", "x");
     usock_ctx uc{};
     for (int i = 0; i < 2; ++i) {
@@ -169,7 +141,7 @@ TEST(Wopen, AHandleCanBeOpenedAgainAfterClose)
 
 TEST(WopenDeathTest, SecondOpenWithoutCloseStopsTheProcess)
 {
-    TempDir d;
+    TempDir d("wopen");
     const std::string p = d.make("twice.ts", "x");
     const std::string url = "file://" + p;
     EXPECT_DEATH(
