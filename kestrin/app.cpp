@@ -135,6 +135,8 @@ int run_app()
     const size_t max_pld_left = g_cfg.cache_sz_mb * BYTES_IN_MB - g_cfg.min_read_bytes;
 
     while (!g_quit) {
+        (void)process_signals();
+
         const ssize_t capped = mmr_cap(g_ctx.mmr, max_pld_left);
         if (capped < 0) {
             // The stream has gone bad; the stop itself is not a failing one.
@@ -188,6 +190,7 @@ int run_app()
             where = "mmr_iput";
             break;
         }
+        count_tail(pt.len);
         where = "#unknown#";
         rc = 0;
     }

@@ -79,6 +79,16 @@ int setup_config(int argc, char* const argv[]);
 int get_tail_params(const char* param);
 [[noreturn]] void usage();
 
+// Snapshots.
+void snapshot_on_sig(int signo);
+void catch_alarm(int signo);
+int schedule_alarm();
+void clear_alarm();
+int take_snapshot(const char* suffix);
+int process_snapshot();
+int process_signals();
+void count_tail(size_t nbytes);
+
 // Start, capture and stop.
 bool is_dgram_kind(int kind);
 int init_ksti_ctx();

@@ -39,8 +39,10 @@ int runtime_setup()
     log_set_pid(&g_log, getpid());
     (void)set_unlimited_core(nullptr);
 
-    if (handle_quit_signals(exit_on_sig) != 0)
+    if (handle_quit_signals(exit_on_sig) != 0 || handle_sig(SIGUSR2, snapshot_on_sig) != 0)
         return -1;
+    // Deliberately signal(): the alarm keeps the platform's restart behaviour.
+    (void)signal(SIGALRM, catch_alarm);
 
     int rc = 0;
     if (g_cfg.log.path[0] != '\0') {
