@@ -2,7 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <sys/time.h>
 #include <unistd.h>
 #include <csignal>
@@ -247,6 +250,49 @@ TEST_F(Snapshot, LongDirectoryNames)
     EXPECT_EQ(take_snapshot("N"), -1);
     const int n = (int)(longer.size() + strlen("/snap") + std::to_string(getpid()).size() + strlen("-p0_0-N.ts"));
     EXPECT_EQ(cap.text(), "(ERR)  mk_snapshot_file: cannot make snapshot name, n=" + std::to_string(n) + "\n");
+}
+
+// A full disk is made in a private mount namespace, so the machine's own
+// filesystems are never touched.
+TEST_F(Snapshot, AFullDiskLeavesTheFileAndCaptureGoesOn)
+{
+    feed(10);
+    const std::string full = dir_.path() + "/full";
+    ASSERT_EQ(mkdir(full.c_str(), 0755), 0);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("tmpfs", full.c_str(), "tmpfs", 0, "size=4k") != 0)
+            _exit(77);
+        // Fill it to the last byte.
+        int ffd = open((full + "/filler").c_str(), O_WRONLY | O_CREAT, 0644);
+        char block[4096] = {};
+        while (write(ffd, block, sizeof(block)) > 0) {
+        }
+        close(ffd);
+        snprintf(g_cfg.snap_dir, sizeof(g_cfg.snap_dir), "%s", full.c_str());
+        LogCapture cap;
+        const int rc = take_snapshot("N");
+        const std::string path = full + "/snap" + std::to_string(getpid()) + "-p0_0-N.ts";
+        const std::string log = cap.text();
+        const std::string want_write = "ERROR(28): No space left on device\n(ERR)  take_snapshot: failed to snapshot to fd";
+        if (rc != 0)
+            _exit(1);
+        if (log.find("(ERR)  mmr_snapshot: write(") == std::string::npos || log.find(want_write) == std::string::npos) {
+            fprintf(stderr, "%s", log.c_str());
+            _exit(2);
+        }
+        if (!exists(path) || !slurp(path).empty())
+            _exit(3);
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 77)
+        GTEST_SKIP() << "no private mount namespace here (unshare/mount refused): cannot make a full disk";
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "1: wrong code, 2: wrong lines, 3: file missing or not empty";
 }
 
 TEST(SnapshotDeathTest, ArmingTwiceStopsTheProcess)

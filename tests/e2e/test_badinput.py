@@ -1,0 +1,110 @@
+"""A live stream that goes bad under the ring: junk between packets, a change
+of packet size, an RTP stream that gains a contributing source. The ring's
+eviction finds it and ends the capture cleanly."""
+import os
+import signal
+import struct
+
+from kstlib import KstTestCase, make_ts, messages, read_text, wait_for
+
+TS_PKT = 188
+MAX_PLD = (1 << 20) - 4096  # a 1 MiB ring less the read reserve
+
+
+def _try_open_writer(fifo):
+    try:
+        return os.open(fifo, os.O_WRONLY | os.O_NONBLOCK)
+    except OSError:
+        return None
+
+
+def rtp_packets(ts, csrc_from=None):
+    """TS in RTP, seven TS packets a datagram; from packet csrc_from on, the
+    header carries one contributing source."""
+    out = bytearray()
+    chunk = 7 * TS_PKT
+    for n, off in enumerate(range(0, len(ts) - chunk + 1, chunk)):
+        csrc = csrc_from is not None and n >= csrc_from
+        out += struct.pack(">BBHII", 0x81 if csrc else 0x80, 33, n & 0xFFFF, n * 3600, 0x1234)
+        if csrc:
+            out += struct.pack(">I", 0xCAFE)
+        out += ts[off:off + chunk]
+    return bytes(out)
+
+
+class BadStreamTest(KstTestCase):
+    def run_live(self, data, first=64 * TS_PKT):
+        """Feeds data; its first packets go alone, so the first chunk, which
+        decides the stream's kind, is clean."""
+        fifo = self.path("live.fifo")
+        os.mkfifo(fifo)
+        log = self.path("kst.log")
+        p = self.start_kst(["-T", "-q", "-l", log, "-E", "1", "-i", "file://" + fifo])
+        w = wait_for(lambda: _try_open_writer(fifo), timeout=10)
+        self.assertIsNotNone(w)
+        os.set_blocking(w, True)
+        try:
+            os.write(w, data[:first])
+            self.assertTrue(wait_for(lambda: "stream detected" in read_text(log), timeout=10))
+            os.write(w, data[first:])
+        except BrokenPipeError:
+            pass  # kst stopped reading, as it should
+        rc = p.wait(timeout=20)
+        os.close(w)
+        return rc, messages(read_text(log))
+
+    def ts(self, megabytes=3):
+        one_path = make_ts(self.path("one.ts"), seconds=2, size="640x360")
+        with open(one_path, "rb") as f:
+            one = f.read()
+        return one * (1 + (megabytes << 20) // len(one))
+
+    def assertStoppedAtTheCap(self, rc, msgs, why):
+        self.assertEqual(rc, 0)
+        for line in why + [
+                f"(ERR) run_app: mmr_cap(.., {MAX_PLD}) ERROR(-1)",
+                "(INF) run_app: done reading from source fd5, quit=0"]:
+            self.assertIn(line, msgs)
+
+    def test_junk_between_packets_stops_the_capture_at_the_cap(self):
+        ts = self.ts()
+        cut = 100 * TS_PKT
+        rc, msgs = self.run_live(ts[:cut] + b"\x00" * 50 + ts[cut:])
+        ring = [m for m in msgs if m.startswith("(ERR) mmr_ts_pack_buf: [")]
+        self.assertEqual(len(ring), 1, msgs)
+        self.assertRegex(ring[0], r"^\(ERR\) mmr_ts_pack_buf: \[/mmr\.\d+\.1\] error counting packets$")
+        self.assertStoppedAtTheCap(rc, msgs, ["(ERR) mmr_cap_pp: mmr_oget() ERROR(-1)"])
+
+    def test_a_stream_that_changes_packet_size_stops_at_the_cap(self):
+        ts = self.ts()
+        cut = 100 * TS_PKT
+        tail = b"".join(ts[i:i + TS_PKT] + b"\xff" * 16 for i in range(cut, len(ts), TS_PKT))
+        rc, msgs = self.run_live(ts[:cut] + tail)
+        self.assertIn("(INF) mmr_iput_ex: TS stream detected", msgs)
+        self.assertStoppedAtTheCap(rc, msgs, ["(ERR) mmr_cap_pp: mmr_oget() ERROR(-1)"])
+
+    def test_rtp_stream_is_detected_with_the_whole_packet_length(self):
+        rtp = rtp_packets(self.ts(1))
+        fifo = self.path("rtp.fifo")
+        os.mkfifo(fifo)
+        log = self.path("rtp.log")
+        p = self.start_kst(["-T", "-q", "-l", log, "-E", "1", "-i", "file://" + fifo])
+        w = wait_for(lambda: _try_open_writer(fifo), timeout=10)
+        os.set_blocking(w, True)
+        os.write(w, rtp)
+        self.assertTrue(wait_for(lambda: "TS pkt_len=1328" in read_text(log), timeout=10))
+        p.send_signal(signal.SIGTERM)
+        self.assertEqual(p.wait(timeout=10), 0)
+        os.close(w)
+        msgs = messages(read_text(log))
+        self.assertIn("(INF) mmr_iput_ex: RTP stream detected", msgs)
+        self.assertNotIn("(ERR)", read_text(log))
+
+    def test_rtp_that_gains_a_contributing_source_is_lost_sync(self):
+        rtp = rtp_packets(self.ts(3), csrc_from=100)
+        rc, msgs = self.run_live(rtp, first=10 * 1328)
+        self.assertIn("(INF) mmr_iput_ex: RTP stream detected", msgs)
+        self.assertStoppedAtTheCap(rc, msgs, [
+            "(ERR) is_rtp_ext: invalid RTP header length: 16",
+            "(ERR) mmr_pack_buf: LOST-SYNC: RTP stream expected",
+            "(ERR) mmr_cap_pp: mmr_oget() ERROR(-9)"])
