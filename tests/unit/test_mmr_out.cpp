@@ -330,3 +330,27 @@ TEST(MmrOut, ALostRtpStreamLogsTheRtpTestAtEachOffset)
     EXPECT_EQ(cap.text(), expect);
     EXPECT_EQ(lengths(iov, count), std::vector<size_t>{200});
 }
+
+TEST(MmrOut, NothingToReadIsAFailureToSync)
+{
+    Ring ring({}, STY_MPEGTS, 188, true);
+    LogCapture cap;
+    iovec iov[4] = {};
+    size_t count = 4;
+    EXPECT_EQ(mmr_oget(ring.h, iov, &count), -EBADF);
+    EXPECT_EQ(cap.text(), "(ERR)  mmr_oget_buf: failed to sync at delta=0, skipping\n");
+}
+
+TEST(MmrOut, TheSyncSearchOnAFullTsRingReachesOnly214Bytes)
+{
+    std::vector<uint8_t> data(300, 0x00);
+    auto pkts = ts_packets(3);
+    data.insert(data.end(), pkts.begin(), pkts.end());
+    Ring ring(data, STY_MPEGTS, 188, true);
+    LogCapture cap;
+    iovec iov[4] = {};
+    size_t count = 4;
+    EXPECT_EQ(mmr_oget(ring.h, iov, &count), -EFAULT);
+    EXPECT_EQ(ring.r()->pld_pos, 0);  // nothing shifted
+    EXPECT_EQ(cap.text(), std::string("(ERR)  mmr_oget_buf: [") + ring.r()->sname + "] not a TS stream, giving up\n");
+}
