@@ -18,16 +18,19 @@ def _try_open_writer(fifo):
         return None
 
 
-def rtp_packets(ts, csrc_from=None):
-    """TS in RTP, seven TS packets a datagram; from packet csrc_from on, the
-    header carries one contributing source."""
+def rtp_packets(ts, change_from=None, change="csrc"):
+    """TS in RTP, seven TS packets a datagram; from packet change_from on, the
+    header carries one contributing source, or a one-word extension."""
     out = bytearray()
     chunk = 7 * TS_PKT
     for n, off in enumerate(range(0, len(ts) - chunk + 1, chunk)):
-        csrc = csrc_from is not None and n >= csrc_from
-        out += struct.pack(">BBHII", 0x81 if csrc else 0x80, 33, n & 0xFFFF, n * 3600, 0x1234)
-        if csrc:
-            out += struct.pack(">I", 0xCAFE)
+        changed = change_from is not None and n >= change_from
+        first = 0x80
+        if changed:
+            first |= 0x01 if change == "csrc" else 0x10
+        out += struct.pack(">BBHII", first, 33, n & 0xFFFF, n * 3600, 0x1234)
+        if changed:
+            out += struct.pack(">I", 0xCAFE) if change == "csrc" else struct.pack(">HHI", 0xBEDE, 1, 0)
         out += ts[off:off + chunk]
     return bytes(out)
 
@@ -101,10 +104,18 @@ class BadStreamTest(KstTestCase):
         self.assertNotIn("(ERR)", read_text(log))
 
     def test_rtp_that_gains_a_contributing_source_is_lost_sync(self):
-        rtp = rtp_packets(self.ts(3), csrc_from=100)
+        rtp = rtp_packets(self.ts(3), change_from=100)
         rc, msgs = self.run_live(rtp, first=10 * 1328)
         self.assertIn("(INF) mmr_iput_ex: RTP stream detected", msgs)
         self.assertStoppedAtTheCap(rc, msgs, [
             "(ERR) is_rtp_ext: invalid RTP header length: 16",
+            "(ERR) mmr_pack_buf: LOST-SYNC: RTP stream expected",
+            "(ERR) mmr_cap_pp: mmr_oget() ERROR(-9)"])
+
+    def test_rtp_that_gains_a_header_extension_is_lost_sync(self):
+        rtp = rtp_packets(self.ts(3), change_from=100, change="ext")
+        rc, msgs = self.run_live(rtp, first=10 * 1328)
+        self.assertStoppedAtTheCap(rc, msgs, [
+            "(ERR) is_rtp_ext: invalid RTP header length: 20",
             "(ERR) mmr_pack_buf: LOST-SYNC: RTP stream expected",
             "(ERR) mmr_cap_pp: mmr_oget() ERROR(-9)"])

@@ -71,6 +71,19 @@ class FileSourceTest(KstTestCase):
         self.assertTrue(any(m.startswith("(ERR) run_app: stopped reading due to error in [recv/Read_f]") for m in msgs))
         self.assertNoShmLeftBy(r.stderr)
 
+    def test_junk_in_front_of_the_first_packet_is_warned_of(self):
+        ts = make_ts(self.path("j.ts"), seconds=1)
+        with open(ts, "rb") as f:
+            data = f.read()
+        junked = self.path("junked.ts")
+        with open(junked, "wb") as f:
+            f.write(b"\x01\x02\x03\x04\x05" + data)
+        n = len(data) + 5
+        r = run_kst(["-T", "-i", "file://" + junked])
+        msgs = messages(r.stderr)
+        self.assertIn(f"(WRN) mmr_iput_ex: UNALIGNED data: TS starts at byte 5, orig/adj_len: {n}/{n - 5} bytes", msgs)
+        self.assertIn("(INF) mmr_iput_ex: TS stream detected", msgs)
+
     def test_missing_file_logs_the_open_and_exits_1(self):
         r = run_kst(["-T", "-i", "file:///nonexistent-dir/none.ts"])
         msgs = messages(r.stderr)
