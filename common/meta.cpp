@@ -81,7 +81,6 @@ const char* get_custom_app_info(const char* appname, const char* descr, const ch
                      BUILD_TIME);
     if (n >= 1 && n <= (int)sizeof(g_appinfo) - 1)
         return g_appinfo;
-    g_appinfo[0] = '\0';
     return "#error#";
 }
 
@@ -98,7 +97,6 @@ const char* get_app_tag(const char* appname)
                      BUILD_TYPE);
     if (n >= 1 && n <= (int)sizeof(g_apptag) - 1)
         return g_apptag;
-    g_apptag[0] = '\0';
     return "#error#";
 }
 
@@ -110,7 +108,6 @@ const char* lbvrx_info()
                      LIB_PATCH, LIB_REVISION, LIB_BUILD_TIME);
     if (n >= 1 && n <= (int)sizeof(g_libtag) - 1)
         return g_libtag;
-    g_libtag[0] = '\0';
     return "#error#";
 }
 

@@ -31,7 +31,7 @@ namespace {
 
 // Opens the source with the ring's first write area lent to it, so bytes
 // that arrive behind a protocol head land in the ring in place.
-int open_source(mm_point* pt)
+int open_source(mm_point& pt)
 {
     g_ctx.uc = usock_ctx{};
     g_ctx.ssock = -1;
@@ -40,14 +40,14 @@ int open_source(mm_point* pt)
     g_ctx.uc.ifc_tag = g_cfg.mcast_ifc;
     g_ctx.uc.timeout_ms = 0;
 
-    uint8_t* dest = mmr_iget(g_ctx.mmr, pt);
+    uint8_t* dest = mmr_iget(g_ctx.mmr, &pt);
     if (dest == nullptr) {
         LOG_AT(ERR_level, "%s: out of MMR space\n", "init_ksti_ctx");
         return ENOMEM;
     }
-    VRX_ASSERT(pt->len >= TAILBUF_SIZE);
+    VRX_ASSERT(pt.len >= TAILBUF_SIZE);
     g_ctx.uc.buf = reinterpret_cast<char*>(dest);
-    g_ctx.uc.bufcap = pt->len;
+    g_ctx.uc.bufcap = pt.len;
 
     usock_set_apptag(g_app_name);
     g_ctx.ssock = usock_open(g_cfg.src_url, &g_ctx.uc);
@@ -60,8 +60,8 @@ int open_source(mm_point* pt)
     if (g_ctx.uc.buflen != 0) {
         VRX_ASSERT(SM_STM.num == g_ctx.mode.num);
         LOG_AT(DEBUG_level, "%s: joining HTTP tail of %zu bytes\n", "init_ksti_ctx", g_ctx.uc.buflen);
-        pt->len = g_ctx.uc.buflen;
-        int rc = mmr_iput(g_ctx.mmr, pt);
+        pt.len = g_ctx.uc.buflen;
+        int rc = mmr_iput(g_ctx.mmr, &pt);
         if (rc != 0) {
             LOG_AT(ERR_level, "%s: failed to join HTTP tail of %zu bytes, rc=%d\n", "init_ksti_ctx",
                    g_ctx.uc.buflen, rc);
@@ -86,7 +86,7 @@ int init_ksti_ctx()
         return rc;
 
     mm_point pt{};
-    rc = open_source(&pt);
+    rc = open_source(pt);
     // The ring's memory was only lent for the opening.
     g_ctx.uc.buf = nullptr;
     g_ctx.uc.bufcap = 0;

@@ -74,7 +74,7 @@ extern volatile sig_atomic_t g_snapshot;   // a snapshot was asked for
 extern volatile sig_atomic_t g_snapalarm;  // the tail's time is up
 
 // Options and settings.
-void init_ksti_config(ksti_cfg* cfg);
+int init_ksti_config(ksti_cfg* cfg);
 int setup_config(int argc, char* const argv[]);
 int get_tail_params(const char* param);
 [[noreturn]] void usage();

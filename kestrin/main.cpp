@@ -50,8 +50,11 @@ int runtime_setup()
         if (rc == 0)
             log_set_pid(&g_log, getpid());
     }
-    if (rc == 0 && g_cfg.alert_log.path[0] != '\0')
+    if (rc == 0 && g_cfg.alert_log.path[0] != '\0') {
         rc = open_log(&g_access_log, g_cfg.alert_log.path, F_APPEND_OLD);
+        if (rc == 0)
+            log_set_pid(&g_access_log, getpid());
+    }
 
     if (rc != 0) {
         LOG_AT(ERR_level, "%s: FAILED (rc=%d)\n", "runtime_setup", rc);

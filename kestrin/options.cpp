@@ -118,6 +118,23 @@ void second_pass(int argc, char* const argv[])
         case 'T':
             g_cfg.rt.non_daemon = true;
             break;
+        // Listed in the usage, absent from the option tables: getopt_long
+        // refuses them in the first pass, so these are never reached.
+        case 'R': {
+            const long n = atol(optarg);
+            if (n <= 0) {
+                fprintf(stderr, "Invalid -R value: %s\n", optarg);
+                exit(1);
+            }
+            g_cfg.min_read_bytes = (size_t)n;
+            break;
+        }
+        case 'D':
+            copy_cut(g_cfg.snap_dir, sizeof(g_cfg.snap_dir), optarg);
+            break;
+        case 'x':
+            copy_cut(g_cfg.snap_pfx, sizeof(g_cfg.snap_pfx), optarg);
+            break;
         case 'N':
         case 'q':
             break;
@@ -147,7 +164,7 @@ void validate(const char* argv0)
 
     const size_t max_reserve = g_cfg.cache_sz_mb * BYTES_IN_MB / 4;
     if (g_cfg.min_read_bytes < MIN_MINREAD_BYTES || g_cfg.min_read_bytes > max_reserve) {
-        // The arguments stand in this order on purpose: operators' scripts match the line.
+        // The arguments stand in this odd order on purpose: value and bound read exchanged.
         fprintf(stderr, "-R value (%d) should be >= %zu and less than %zu\n", (int)MIN_MINREAD_BYTES,
                 g_cfg.min_read_bytes, max_reserve);
         exit(1);
@@ -156,7 +173,7 @@ void validate(const char* argv0)
 
 }  // namespace
 
-void init_ksti_config(ksti_cfg* cfg)
+int init_ksti_config(ksti_cfg* cfg)
 {
     *cfg = ksti_cfg{};
     cfg->log.level = INFO_level;
@@ -173,17 +190,24 @@ void init_ksti_config(ksti_cfg* cfg)
     strcpy(cfg->mcast_ifc, "all");
     strcpy(cfg->snap_dir, "/tmp");
     strcpy(cfg->snap_pfx, "snap");
+    return 0;
 }
 
 int get_tail_params(const char* param)
 {
-    const char* colon = strchr(param, ':');
+    char* copy = strdup(param);
+    if (copy == nullptr)
+        return -12;
+    char* colon = strchr(copy, ':');
     if (colon == nullptr) {
         fprintf(stderr, "Missing colon in -t value: %s\n", param);
+        free(copy);
         return -22;
     }
-    long sz_mb = atol(param);
+    *colon = '\0';
+    long sz_mb = atol(copy);
     long tm_ms = atol(colon + 1);
+    free(copy);
     // An empty or negative size asks for as much as allowed.
     if (sz_mb <= 0)
         sz_mb = (long)MAX_TAIL_MB;

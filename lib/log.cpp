@@ -81,6 +81,7 @@ int do_open(log_ctx* log, const char* filecmd)
     VRX_ASSERT(g_logmod.is_ready);
     if (filecmd == nullptr) {
         log->fp = stderr;
+        log->total_out = 0;
         return 0;
     }
     if (strlen(filecmd) >= LOG_PATHNAME_MAX + 1) {
@@ -283,11 +284,10 @@ int read_level_env(const char* varname, int default_level)
     const char* s = getenv(varname);
     if (s == nullptr)
         return default_level;
-    char* end = nullptr;
-    long v = strtol(s, &end, 10);
-    if (end == s)
+    const int v = atoi(s);
+    if (v == 0 && strcmp(s, "0") != 0)
         return default_level;
-    return (int)v;
+    return v;
 }
 
 FILE* log_fp(log_ctx* log)

@@ -28,10 +28,8 @@ mm_ring* as_ring(mmr_t ring)
     return static_cast<mm_ring*>(ring);
 }
 
-void assert_pktnums(const mm_ring* mr)
-{
-    VRX_ASSERT(mr->first_pktnum >= 0 && mr->first_pktnum <= mr->last_pktnum);
-}
+// A macro, so a failure names the function that changed the numbers.
+#define ASSERT_PKTNUMS(mr) VRX_ASSERT(mr->first_pktnum >= 0 && mr->first_pktnum <= mr->last_pktnum)
 
 // Maps the object twice back to back plus a dead page. The first mapping
 // reserves the whole range, so the two fixed ones can't land elsewhere.
@@ -250,13 +248,13 @@ void mmr_add_pkts(mmr_t ring, size_t npkts)
     mm_ring* mr = as_ring(ring);
     mr->using_pktnums = true;
     mr->last_pktnum += (int64_t)npkts;
-    assert_pktnums(mr);
+    ASSERT_PKTNUMS(mr);
 }
 
 uint64_t mmr_adjust_pktnum(mmr_t ring, uint64_t new_first_idx)
 {
     mm_ring* mr = as_ring(ring);
-    assert_pktnums(mr);
+    ASSERT_PKTNUMS(mr);
     const int64_t old_first = mr->first_pktnum;
     const int64_t old_last = mr->last_pktnum;
     // The span of numbered packets keeps its width.

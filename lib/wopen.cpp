@@ -43,7 +43,7 @@ int usock_open(const char* url, usock_ctx* uc)
         LOG_AT(DEBUG_level, "%s: fd%d FILE [%s]\n", "usock_open", fd, uc->url_path);
         break;
     default:
-        // The message has no line end, as operators' log parsers expect.
+        // This line deliberately has no line end.
         LOG_AT(ERR_level, "%s: unsupported type of URI [%s]", "usock_open", url);
         break;
     }

@@ -254,6 +254,8 @@ TEST(Log, ReadLevelEnv)
     EXPECT_EQ(read_level_env("KST_TEST_LEVEL", 5), 0);
     setenv("KST_TEST_LEVEL", "debug", 1);
     EXPECT_EQ(read_level_env("KST_TEST_LEVEL", 5), 5);
+    setenv("KST_TEST_LEVEL", "00", 1);  // zero counts only when written as "0"
+    EXPECT_EQ(read_level_env("KST_TEST_LEVEL", 5), 5);
     setenv("KST_TEST_LEVEL", "-3", 1);
     EXPECT_EQ(read_level_env("KST_TEST_LEVEL", 5), -3);
     unsetenv("KST_TEST_LEVEL");

@@ -367,7 +367,7 @@ TEST(MmrDeathTest, PacketNumbersOutOfOrderStopTheProcess)
             mmr_add_pkts(ring.h, 0);
         },
         "Assertion failed: \\(mr->first_pktnum >= 0 && mr->first_pktnum <= mr->last_pktnum\\), function "
-        "assert_pktnums");
+        "mmr_add_pkts");
 }
 
 TEST(MmrDeathTest, PuttingMoreThanTheFreeSpaceStopsTheProcess)

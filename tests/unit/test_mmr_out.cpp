@@ -34,7 +34,8 @@ struct Ring {
     {
         EXPECT_EQ(mmr_create(&h, 4 * kPage), 0);
         mm_ring* mr = r();
-        memcpy(mr->buf, bytes.data(), bytes.size());
+        if (!bytes.empty())
+            memcpy(mr->buf, bytes.data(), bytes.size());
         mr->pld_pos = 0;
         mr->pld_size = bytes.size();
         mr->stype = stype;
