@@ -1,0 +1,95 @@
+"""TS behind RTP from ffmpeg's own RTP muxer: the datagrams are caught on
+loopback and played to kst as a byte stream, so detection must find the RTP
+packet length on the TS grid, and the snapshot must hold whole RTP packets."""
+import os
+import signal
+import socket
+import subprocess
+import time
+
+from kstlib import KstTestCase, make_ts, messages, need, read_text, wait_for
+
+RTP_LEN = 12 + 7 * 188
+
+
+def _try_open_writer(fifo):
+    try:
+        return os.open(fifo, os.O_WRONLY | os.O_NONBLOCK)
+    except OSError:
+        return None
+
+
+def ffmpeg_rtp_datagrams(ts_path):
+    """Every datagram ffmpeg's rtp_mpegts muxer sends for the file, in order."""
+    need("ffmpeg")
+    rx = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    rx.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 8 << 20)
+    rx.bind(("127.0.0.1", 0))
+    port = rx.getsockname()[1]
+    rx.settimeout(0.5)
+    # -re keeps the pace real, so loopback drops nothing.
+    sender = subprocess.Popen(["ffmpeg", "-hide_banner", "-loglevel", "error", "-re", "-i", ts_path,
+                               "-c", "copy", "-f", "rtp_mpegts", f"rtp://127.0.0.1:{port}"])
+    dgrams = []
+    deadline = time.monotonic() + 60
+    try:
+        while time.monotonic() < deadline:
+            try:
+                dgrams.append(rx.recv(65536))
+            except socket.timeout:
+                if sender.poll() is not None:
+                    break
+    finally:
+        if sender.poll() is None:
+            sender.kill()
+        sender.wait(timeout=10)
+        rx.close()
+    return dgrams
+
+
+class RtpFromFfmpegTest(KstTestCase):
+    def test_rtp_stream_detected_and_snapshot_holds_whole_rtp_packets(self):
+        ts = make_ts(self.path("src.ts"), seconds=3, size="640x360")
+        dgrams = ffmpeg_rtp_datagrams(ts)
+        self.assertGreater(len(dgrams), 100)
+        full = [d for d in dgrams if len(d) == RTP_LEN]
+        self.assertGreater(len(full), len(dgrams) * 9 // 10, "ffmpeg sent unexpected sizes")
+        # Whole-size datagrams only: the ring keeps one packet length for the
+        # stream. Played several times over, so a 1 MiB ring wraps.
+        one = b"".join(full)
+        stream = one * (1 + (3 << 20) // len(one))
+
+        fifo = self.path("rtp.fifo")
+        os.mkfifo(fifo)
+        log = self.path("kst.log")
+        p = self.start_kst(["-T", "-q", "-L", "debug", "-l", log, "-E", "1", "-t", "682:200",
+                            "-i", "file://" + fifo])
+        w = wait_for(lambda: _try_open_writer(fifo), timeout=10)
+        self.assertIsNotNone(w)
+        os.set_blocking(w, True)
+        os.write(w, stream)
+        time.sleep(0.3)
+        p.send_signal(signal.SIGUSR2)
+        self.assertTrue(wait_for(lambda: "got the expected snapshot ALARM" in read_text(log), timeout=10))
+        extra = full[0]
+        os.write(w, extra)
+        self.assertTrue(wait_for(lambda: "take_snapshot: write" in read_text(log), timeout=10))
+        p.send_signal(signal.SIGTERM)
+        self.assertEqual(p.wait(timeout=10), 0)
+        os.close(w)
+
+        msgs = messages(read_text(log))
+        self.assertIn("(INF) mmr_iput_ex: RTP stream detected", msgs)
+        self.assertTrue(any(m.endswith(f"] TS pkt_len={RTP_LEN}") for m in msgs), msgs)
+        snap_path = f"/tmp/snap{p.pid}-p0_0-A.ts"
+        try:
+            with open(snap_path, "rb") as f:
+                snap = f.read()
+        finally:
+            os.unlink(snap_path)
+        sent = stream + extra
+        self.assertEqual(snap, sent[len(sent) - len(snap):])
+        self.assertEqual((len(sent) - len(snap)) % RTP_LEN, 0, "snapshot does not start on an RTP header")
+        self.assertEqual(snap[0] >> 6, 2)
+        self.assertEqual(snap[1] & 0x7F, 33)
+        self.assertGreater(len(snap), (1 << 20) - 4096 - 64 * 1024)
