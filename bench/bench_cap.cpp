@@ -89,13 +89,3 @@ void BM_SnapshotFullWrappedRing(benchmark::State& state)
 BENCHMARK(BM_SnapshotFullWrappedRing)->Unit(benchmark::kMillisecond);
 
 }  // namespace
-
-int main(int argc, char** argv)
-{
-    glog_init("bench");
-    log_default(&g_log, stderr);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}

@@ -100,13 +100,3 @@ void BM_ReadIntoPrivateBuffer(benchmark::State& state)
 BENCHMARK(BM_ReadIntoPrivateBuffer)->Arg(1316)->Arg(65536)->Arg(1 << 20);
 
 }  // namespace
-
-int main(int argc, char** argv)
-{
-    glog_init("bench");
-    log_default(&g_log, stderr);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}

@@ -30,6 +30,23 @@ def make_ts(path, seconds=2, video="mpeg2video", audio="mp2", size="320x240", ra
     return path
 
 
+def repeated_ts(path, megabytes, size="640x360"):
+    """A real stream of at least the given size: one ffmpeg clip played over
+    and over (each copy starts on a packet, so the whole stays in sync)."""
+    one_path = make_ts(path, seconds=2, size=size)
+    with open(one_path, "rb") as f:
+        one = f.read()
+    return one * (1 + (megabytes << 20) // len(one))
+
+
+def try_open_writer(fifo):
+    """The FIFO's writing end, once a reader holds it open; None before."""
+    try:
+        return os.open(fifo, os.O_WRONLY | os.O_NONBLOCK)
+    except OSError:
+        return None
+
+
 def wait_for(pred, timeout=10.0, step=0.02):
     """Polls pred until it is true or the deadline passes; returns its last value."""
     deadline = time.monotonic() + timeout
@@ -110,6 +127,20 @@ class KstTestCase(unittest.TestCase):
                              text=True, errors="replace", env=full_env)
         self.procs.append(p)
         return p
+
+    def start_on_fifo(self, extra=(), name="live"):
+        """kst reading a FIFO given as file://, which blocks in read like a
+        live source. Returns the process, the blocking writing end and the
+        log file, once kst is in its capture loop."""
+        fifo = self.path(name + ".fifo")
+        os.mkfifo(fifo)
+        log = self.path(name + ".log")
+        p = self.start_kst(["-T", "-q", "-l", log] + list(extra) + ["-i", "file://" + fifo])
+        w = wait_for(lambda: try_open_writer(fifo), timeout=10)
+        self.assertIsNotNone(w, "kst never opened the FIFO")
+        os.set_blocking(w, True)
+        self.assertTrue(wait_for(lambda: "Reading (STM)" in read_text(log), timeout=10))
+        return p, w, log
 
     def assertNoShmLeftBy(self, output):
         pid = exit_pid(output)

@@ -5,17 +5,10 @@ import os
 import signal
 import struct
 
-from kstlib import KstTestCase, make_ts, messages, read_text, wait_for
+from kstlib import KstTestCase, messages, read_text, repeated_ts, wait_for
 
 TS_PKT = 188
 MAX_PLD = (1 << 20) - 4096  # a 1 MiB ring less the read reserve
-
-
-def _try_open_writer(fifo):
-    try:
-        return os.open(fifo, os.O_WRONLY | os.O_NONBLOCK)
-    except OSError:
-        return None
 
 
 def rtp_packets(ts, change_from=None, change="csrc"):
@@ -39,13 +32,7 @@ class BadStreamTest(KstTestCase):
     def run_live(self, data, first=64 * TS_PKT):
         """Feeds data; its first packets go alone, so the first chunk, which
         decides the stream's kind, is clean."""
-        fifo = self.path("live.fifo")
-        os.mkfifo(fifo)
-        log = self.path("kst.log")
-        p = self.start_kst(["-T", "-q", "-l", log, "-E", "1", "-i", "file://" + fifo])
-        w = wait_for(lambda: _try_open_writer(fifo), timeout=10)
-        self.assertIsNotNone(w)
-        os.set_blocking(w, True)
+        p, w, log = self.start_on_fifo(["-E", "1"])
         try:
             os.write(w, data[:first])
             self.assertTrue(wait_for(lambda: "stream detected" in read_text(log), timeout=10))
@@ -57,10 +44,7 @@ class BadStreamTest(KstTestCase):
         return rc, messages(read_text(log))
 
     def ts(self, megabytes=3):
-        one_path = make_ts(self.path("one.ts"), seconds=2, size="640x360")
-        with open(one_path, "rb") as f:
-            one = f.read()
-        return one * (1 + (megabytes << 20) // len(one))
+        return repeated_ts(self.path("one.ts"), megabytes)
 
     def assertStoppedAtTheCap(self, rc, msgs, why):
         self.assertEqual(rc, 0)
@@ -88,12 +72,7 @@ class BadStreamTest(KstTestCase):
 
     def test_rtp_stream_is_detected_with_the_whole_packet_length(self):
         rtp = rtp_packets(self.ts(1))
-        fifo = self.path("rtp.fifo")
-        os.mkfifo(fifo)
-        log = self.path("rtp.log")
-        p = self.start_kst(["-T", "-q", "-l", log, "-E", "1", "-i", "file://" + fifo])
-        w = wait_for(lambda: _try_open_writer(fifo), timeout=10)
-        os.set_blocking(w, True)
+        p, w, log = self.start_on_fifo(["-E", "1"], name="rtp")
         os.write(w, rtp)
         self.assertTrue(wait_for(lambda: "TS pkt_len=1328" in read_text(log), timeout=10))
         p.send_signal(signal.SIGTERM)

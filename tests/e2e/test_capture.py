@@ -4,7 +4,8 @@ import os
 import signal
 import unittest
 
-from kstlib import (KstTestCase, make_ts, messages, read_text, run_kst, shm_name, wait_for)
+from kstlib import (KstTestCase, make_ts, messages, read_text, repeated_ts, run_kst, shm_name,
+                    try_open_writer, wait_for)
 
 
 class EntryTest(KstTestCase):
@@ -125,23 +126,6 @@ class FileSourceTest(KstTestCase):
 class FifoSourceTest(KstTestCase):
     """A FIFO given as file:// blocks in read, like a live source."""
 
-    def start_on_fifo(self, extra=()):
-        fifo = self.path("live.fifo")
-        os.mkfifo(fifo)
-        log = self.path("kst.log")
-        p = self.start_kst(["-T", "-q", "-l", log, "-i", "file://" + fifo] + list(extra))
-
-        def open_writer():
-            try:
-                return os.open(fifo, os.O_WRONLY | os.O_NONBLOCK)
-            except OSError:
-                return None
-        w = wait_for(open_writer, timeout=10)
-        self.assertIsNotNone(w, "kst never opened the FIFO")
-        os.set_blocking(w, True)
-        self.assertTrue(wait_for(lambda: "Reading (STM)" in read_text(log), timeout=10))
-        return p, w, log
-
     def test_bytes_go_straight_into_the_shared_ring(self):
         ts = make_ts(self.path("a.ts"), seconds=1)
         with open(ts, "rb") as f:
@@ -160,10 +144,7 @@ class FifoSourceTest(KstTestCase):
         self.assertFalse(os.path.exists(shm))
 
     def test_a_small_ring_wraps_many_times_and_holds_the_newest_bytes(self):
-        ts = make_ts(self.path("w.ts"), seconds=2, size="640x360")
-        with open(ts, "rb") as f:
-            one = f.read()
-        stream = one * (1 + (5 << 20) // len(one))
+        stream = repeated_ts(self.path("w.ts"), 5)
         p, w, log = self.start_on_fifo(["-E", "1"])
         os.write(w, stream)
         shm = shm_name(p.pid)
@@ -217,7 +198,7 @@ class FifoSourceTest(KstTestCase):
         os.mkfifo(fifo)
         log = self.path("m.log")
         p = self.start_kst(["-T", "-l", log, "-i", "file://" + fifo])
-        w = wait_for(lambda: _try_open_writer(fifo), timeout=10)
+        w = wait_for(lambda: try_open_writer(fifo), timeout=10)
         self.assertIsNotNone(w)
         self.assertTrue(wait_for(lambda: "Reading (STM)" in read_text(log), timeout=10))
         os.close(w)  # end of stream
@@ -269,13 +250,6 @@ class LogDestinationTest(KstTestCase):
         loud = run_kst(["-T", "-L", "debug", "-i", "file://" + ts])
         self.assertIn("(DBG)  KSTI  init_ksti_ctx: mode=STM", loud.stderr)
         self.assertIn("(DBG)  KSTI  usock_open: fd4 FILE [" + ts + "]", loud.stderr)
-
-
-def _try_open_writer(fifo):
-    try:
-        return os.open(fifo, os.O_WRONLY | os.O_NONBLOCK)
-    except OSError:
-        return None
 
 
 def strip(line):

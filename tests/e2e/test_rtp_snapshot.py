@@ -12,13 +12,6 @@ from kstlib import KstTestCase, make_ts, messages, need, read_text, wait_for
 RTP_LEN = 12 + 7 * 188
 
 
-def _try_open_writer(fifo):
-    try:
-        return os.open(fifo, os.O_WRONLY | os.O_NONBLOCK)
-    except OSError:
-        return None
-
-
 def ffmpeg_rtp_datagrams(ts_path):
     """Every datagram ffmpeg's rtp_mpegts muxer sends for the file, in order."""
     need("ffmpeg")
@@ -59,14 +52,7 @@ class RtpFromFfmpegTest(KstTestCase):
         one = b"".join(full)
         stream = one * (1 + (3 << 20) // len(one))
 
-        fifo = self.path("rtp.fifo")
-        os.mkfifo(fifo)
-        log = self.path("kst.log")
-        p = self.start_kst(["-T", "-q", "-L", "debug", "-l", log, "-E", "1", "-t", "682:200",
-                            "-i", "file://" + fifo])
-        w = wait_for(lambda: _try_open_writer(fifo), timeout=10)
-        self.assertIsNotNone(w)
-        os.set_blocking(w, True)
+        p, w, log = self.start_on_fifo(["-L", "debug", "-E", "1", "-t", "682:200"], name="rtp")
         os.write(w, stream)
         time.sleep(0.3)
         p.send_signal(signal.SIGUSR2)

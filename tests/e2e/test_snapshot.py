@@ -9,18 +9,11 @@ import subprocess
 import time
 import unittest
 
-from kstlib import KstTestCase, make_ts, messages, need, read_text, wait_for
+from kstlib import KstTestCase, messages, need, read_text, repeated_ts, wait_for
 
 TS_PKT = 188
 RING = 1 << 20
 MIN_READ = 4096
-
-
-def _try_open_writer(fifo):
-    try:
-        return os.open(fifo, os.O_WRONLY | os.O_NONBLOCK)
-    except OSError:
-        return None
 
 
 class SnapshotTest(KstTestCase):
@@ -37,15 +30,7 @@ class SnapshotTest(KstTestCase):
         super().tearDown()
 
     def start(self, tail, ring_mb=1):
-        fifo = self.path("live.fifo")
-        os.mkfifo(fifo)
-        self.log = self.path("kst.log")
-        p = self.start_kst(["-T", "-q", "-L", "debug", "-l", self.log, "-E", str(ring_mb), "-t", tail,
-                            "-i", "file://" + fifo])
-        w = wait_for(lambda: _try_open_writer(fifo), timeout=10)
-        self.assertIsNotNone(w, "kst never opened the FIFO")
-        os.set_blocking(w, True)
-        self.assertTrue(wait_for(lambda: "Reading (STM)" in read_text(self.log), timeout=10))
+        p, w, self.log = self.start_on_fifo(["-L", "debug", "-E", str(ring_mb), "-t", tail])
         self.p, self.w = p, w
         return p, w
 
@@ -62,10 +47,7 @@ class SnapshotTest(KstTestCase):
         os.close(self.w)
 
     def stream(self, megabytes):
-        one_path = make_ts(self.path("one.ts"), seconds=2, size="640x360")
-        with open(one_path, "rb") as f:
-            one = f.read()
-        return one * (1 + (megabytes << 20) // len(one))
+        return repeated_ts(self.path("one.ts"), megabytes)
 
     def assertValidTs(self, path):
         need("ffprobe")
