@@ -3,6 +3,7 @@
 #include "strops.h"
 
 #include <cctype>
+#include <cstdint>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -40,7 +41,10 @@ int a2int(const char* str, int64_t* out)
         return rc;
     if (v > 9223372036854775808.0 || v < -9223372036854775808.0)
         return ERR_OVFLW;
-    *out = (int64_t)v;
+    // 2^63 itself passes the range check but has no int64 value; the
+    // conversion of the hardware gives INT64_MIN for it, so do that without
+    // relying on an undefined cast.
+    *out = v >= 9223372036854775808.0 ? INT64_MIN : (int64_t)v;
     return 0;
 }
 
@@ -143,7 +147,14 @@ size_t marker_count(const char* s, const char* marker)
     size_t total = 0;
     for (const char* p = strstr(s, marker); p != nullptr; p = strstr(p, marker)) {
         p += mlen;
-        total += counted ? strtoul(p, nullptr, 10) : 1;
+        if (!counted) {
+            ++total;
+            continue;
+        }
+        size_t num = 0;
+        for (const char* d = p; *d >= '0' && *d <= '9'; ++d)
+            num = num * 10 + (size_t)(*d - '0');
+        total += num;
     }
     return total;
 }
@@ -195,10 +206,9 @@ void mk_trk_tag(int* count, n64_tag* tag, char pfx, int max)
     ++*count;
     tag->num64 = 0;
     tag->sym8[0] = pfx;
-    char digits[16];
-    snprintf(digits, sizeof(digits), "%d", *count);
-    ssize_t n = (ssize_t)strnlen(digits, 5);
-    memcpy(tag->sym8 + 1, digits, (size_t)n);
+    // Five digits fit; a sixth is cut off, and a count of seven digits is a
+    // caller's max gone wrong.
+    ssize_t n = snprintf(tag->sym8 + 1, sizeof(tag->sym8) - 2, "%d", *count);
     VRX_ASSERT(n > 0 && n <= (ssize_t)sizeof(tag->sym8) - 2);
 }
 

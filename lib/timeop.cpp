@@ -16,10 +16,13 @@ namespace {
 
 // Guards the calendar conversion against a handler that logs during a log call.
 volatile sig_atomic_t g_tmlock = 0;
-// The zone's short name with a blank in front; glibc owns the name "timezone".
-char g_tzname[16];
+// The zone's short name with a blank in front, filled by the first stamp;
+// glibc already owns the name "timezone".
+char g_tzname_cache[16];
 
-timespec g_itime;  // the event loop's cached monotonic clock
+// The event loop's cached monotonic clock, written once per turn; this tool
+// runs no event loop, so it stays at zero.
+timespec itime;
 
 constexpr long kNsecPerSec = 1000000000L;
 
@@ -47,7 +50,7 @@ bool timed_out_as(const timespec* last_tm, const timespec* tmout, bool in_real_t
 
 const timespec* rqs_now_ref()
 {
-    return &g_itime;
+    return &itime;
 }
 
 void set_clk_now(timespec* tms, clockid_t clk_id)
@@ -119,27 +122,27 @@ void set_tspan(tspan* spn, const timespec* tm, uint32_t ticks)
 const char* get_timezone(bool refresh)
 {
     (void)refresh;
-    if (g_tzname[0] != '\0')
-        return g_tzname;
+    if (g_tzname_cache[0] != '\0')
+        return g_tzname_cache;
     time_t now = time(nullptr);
     struct tm tmv;
     if (localtime_r(&now, &tmv) == nullptr) {
         perror("localtime_r");
         return nullptr;
     }
-    size_t n = strftime(g_tzname, sizeof(g_tzname) - 1, " %Z", &tmv);
-    if (n == 0 || n >= sizeof(g_tzname)) {
+    size_t n = strftime(g_tzname_cache, sizeof(g_tzname_cache) - 1, " %Z", &tmv);
+    if (n == 0 || n >= sizeof(g_tzname_cache)) {
         perror("strftime");
-        strcpy(g_tzname, "#ERR#");
+        strcpy(g_tzname_cache, "#ERR#");
         return nullptr;
     }
-    return g_tzname;
+    return g_tzname_cache;
 }
 
 ssize_t mk_timestr(const timespec* tms, uint32_t flags, char* buf, size_t buflen)
 {
     if (flags & f_RAW_TIME) {
-        int n = snprintf(buf, buflen - 1, "%ld.%06ld", (long)tms->tv_sec, tms->tv_nsec / 1000);
+        int n = snprintf(buf, buflen, "%ld.%06ld", (long)tms->tv_sec, tms->tv_nsec / 1000);
         return (n >= 0 && (size_t)n < buflen) ? n : -1;
     }
     if (g_tmlock)
@@ -153,7 +156,8 @@ ssize_t mk_timestr(const timespec* tms, uint32_t flags, char* buf, size_t buflen
         perror("gmtime_r/localtime_r");
         return -1;
     }
-    // The zone is the local one even for a stamp in UTC: that is how operators know the stamp's origin.
+    // The zone is the local one even for a stamp in UTC, so the lines of one
+    // machine always end alike whatever the stamp's clock.
     const char* zone = get_timezone(false);
     if (zone == nullptr)
         zone = "";
@@ -164,6 +168,7 @@ ssize_t mk_timestr(const timespec* tms, uint32_t flags, char* buf, size_t buflen
     else
         n = snprintf(buf, buflen, "%04d-%02d-%02d %02d:%02d:%02d.%06ld%s", tmv.tm_year + 1900, tmv.tm_mon + 1,
                      tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec, tms->tv_nsec / 1000, zone);
+    // A stamp of exactly buflen passes, its last character cut by the terminator.
     if (n > (int)buflen) {
         fprintf(stderr, "%s: timestamp buffer needs %d bytes, only %ld provided\n", "mk_timestr", n, (long)buflen);
         return -1;
@@ -238,12 +243,13 @@ int mk_timespan(time_t total_sec, char* buf, size_t buflen)
     size_t pos = 0;
     if (total_sec >= 86400) {
         int n = snprintf(buf, buflen, "%02ldd ", days);
-        if (n < 0 || (size_t)n > buflen - 1)
+        if (n < 0 || (size_t)n > buflen)
             return -1;
         pos = (size_t)n;
     }
+    // As with the dates, a text of exactly the space left passes, cut short by one.
     int n = snprintf(buf + pos, buflen - pos, "%02ldh:%02ldm:%02lds", hours, minutes, seconds);
-    if (n < 0 || (size_t)n > buflen - pos - 1)
+    if (n < 0 || (size_t)n > buflen - pos)
         return -1;
     return 0;
 }

@@ -1,6 +1,7 @@
 // Numbers from configuration text and small string jobs.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
 #include <string>
 
@@ -58,6 +59,11 @@ TEST(Strops, OverflowAndOverrun)
     int64_t v = 0;
     EXPECT_EQ(a2int64("9000000000G", &v), ERR_OVFLW);
     EXPECT_EQ(a2int64("-9000000000G", &v), ERR_OVFLW);
+    EXPECT_EQ(a2int64("8589934592G", &v), 0);  // 2^63 itself passes the range check
+    EXPECT_EQ(v, INT64_MIN);
+    EXPECT_EQ(a2int64("-8589934592G", &v), 0);
+    EXPECT_EQ(v, INT64_MIN);
+    EXPECT_EQ(a2int64("8589934593G", &v), ERR_OVFLW);
     const std::string longnum = std::string(64, '1') + "K";
     EXPECT_EQ(a2int64(longnum.c_str(), &v), ERR_OVERRUN);
     const std::string fits = std::string(62, '0') + "1K";  // 63 characters in front
@@ -87,6 +93,7 @@ TEST(Strops, MarkerCount)
     EXPECT_EQ(marker_count("aaaa", "aa"), 2u);
     EXPECT_EQ(marker_count("", "ab"), 0u);
     EXPECT_EQ(marker_count("n:3 x n:4 n:", "n:"), 7u);
+    EXPECT_EQ(marker_count("n:12n:x", "n:"), 12u);
 }
 
 TEST(Strops, HexToBin)
@@ -130,9 +137,18 @@ TEST(Strops, TrackTagsWrapAtMax)
         seen += std::string(tag.sym8) + " ";
     }
     EXPECT_EQ(seen, "p1 p2 p3 p1 ");
-    count = 1234567;
+    count = 123455;
     mk_trk_tag(&count, &tag, 'x', 2000000);
-    EXPECT_STREQ(tag.sym8, "x12345");
+    EXPECT_EQ(count, 123456);
+    EXPECT_STREQ(tag.sym8, "x12345");  // five digits kept
+    EXPECT_EQ(tag.sym8[7], '\0');
+}
+
+TEST(StropsDeathTest, TrackTagOfSevenDigitsStopsTheProcess)
+{
+    int count = 999999;
+    n64_tag tag{};
+    EXPECT_DEATH(mk_trk_tag(&count, &tag, 'x', 2000000), "Assertion failed: \\(n > 0 && n <= \\(ssize_t\\)sizeof\\(tag->sym8\\) - 2\\)");
 }
 
 TEST(Strops, ReplaceMacro)
@@ -145,6 +161,12 @@ TEST(Strops, ReplaceMacro)
     EXPECT_STREQ(gone, "/a/b.log");
     char tight[8] = "ab{N}";
     EXPECT_EQ(replace_ul_macro(tight, sizeof(tight), "{N}", 123456), -34);
+    char fits[8] = "ab{N}";  // "ab12345" is 7 characters: one below len
+    EXPECT_EQ(replace_ul_macro(fits, sizeof(fits), "{N}", 12345), 0);
+    EXPECT_STREQ(fits, "ab12345");
+    char none[8] = "abc";
+    EXPECT_EQ(replace_ul_macro(none, sizeof(none), "{N}", 1), 0);
+    EXPECT_STREQ(none, "abc");
 }
 
 TEST(Strops, ReplaceMacroStopsAfter32)
