@@ -12,10 +12,10 @@
 #include "logcap.h"
 #include "mpegts.h"
 #include "rtp.h"
+#include "tspkt.h"
 
 namespace {
 
-constexpr uint8_t kFill = 0x11;  // neither a sync byte nor an RTP version-2 byte
 constexpr size_t kSlack = 16;    // the RTP test reads up to 16 bytes at each offset tried
 
 // A chunk of len bytes with room behind it for the RTP test at the last offsets.
@@ -38,15 +38,7 @@ Chunk make_chunk(std::vector<uint8_t> v)
 
 std::vector<uint8_t> junk(size_t n)
 {
-    return std::vector<uint8_t>(n, kFill);
-}
-
-std::vector<uint8_t> ts_stream(size_t size, size_t npkts)
-{
-    std::vector<uint8_t> v(size * npkts, kFill);
-    for (size_t pos = 0; pos < v.size(); pos += size)
-        v[pos] = MPEG_TS_SYNC;
-    return v;
+    return std::vector<uint8_t>(n, kTsFill);
 }
 
 // RTP packets of version 2, type 33, 12-byte header, each with nts TS
@@ -55,10 +47,10 @@ std::vector<uint8_t> rtp_stream(size_t nts, size_t npkts, uint8_t first = 0x80, 
 {
     std::vector<uint8_t> v;
     for (size_t n = 0; n < npkts; ++n) {
-        const uint8_t hdr[12] = {first,  33, 0x12, (uint8_t)n, 0x00, 0x01, 0x5F, 0x90,
-                                 0xDE, 0xAD, 0xBE, 0xEF};
-        v.insert(v.end(), hdr, hdr + 12);
-        auto ts = ts_stream(188, nts);
+        const size_t at = v.size();
+        v.resize(at + 12);
+        tspkt_rtp_header(v.data() + at, first, (uint8_t)n);
+        auto ts = tspkt_stream(188, nts);
         v.insert(v.end(), ts.begin(), ts.end());
         for (size_t i = 0; i < pad; ++i)
             v.push_back(i + 1 == pad ? (uint8_t)pad : 0);
@@ -106,6 +98,28 @@ Found find(const Chunk& c, uint32_t flags = 0, size_t pkt_len_before = 0)
     return f;
 }
 
+void expect_found(const Found& f, off_t offset, int32_t stype, size_t pkt_len)
+{
+    EXPECT_EQ(f.offset, offset);
+    EXPECT_EQ(f.stype, stype);
+    EXPECT_EQ(f.pkt_len, pkt_len);
+}
+
+// The trace of an RTP stream at 0 up to the search for the next header,
+// the TS inside probed over probed bytes.
+std::string rtp_trace_head(const Chunk& c, size_t probed)
+{
+    return "(DBG)  ds_find_dgram: possible RTP-packet match at #0\n" +
+           probe_line("in-sync", 188, c.data() + 12, probed) +
+           "(DBG)  get_rtp_pktlen: TS/188 packets underneath\n";
+}
+
+// The whole trace of an RTP stream at 0 whose packet length len was settled as `how` says.
+std::string rtp_trace(const Chunk& c, size_t probed, const char* how, long len)
+{
+    return rtp_trace_head(c, probed) + how + result_line("RTP", 0, len);
+}
+
 // Keeps the process-wide trace flag as it was.
 class DsFindDgram : public testing::Test {
 protected:
@@ -132,12 +146,10 @@ TEST(DsTags, TextAndNumber)
 
 TEST_F(DsFindDgram, TsAtTheStart)
 {
-    auto c = make_chunk(ts_stream(188, 3));
+    auto c = make_chunk(tspkt_stream(188, 3));
     LogCapture cap;
     const Found f = find(c);
-    EXPECT_EQ(f.offset, 0);
-    EXPECT_EQ(f.stype, STY_MPEGTS.num);
-    EXPECT_EQ(f.pkt_len, 188u);
+    expect_found(f, 0, STY_MPEGTS.num, 188u);
     EXPECT_EQ(cap.text(), probe_line("in-sync", 188, c.data(), 564) + result_line("TS", 0, 188));
 }
 
@@ -145,22 +157,19 @@ TEST_F(DsFindDgram, EveryTsPacketSize)
 {
     LogCapture cap;
     for (size_t size : {188u, 192u, 204u, 208u}) {
-        auto c = make_chunk(ts_stream(size, 4));
+        auto c = make_chunk(tspkt_stream(size, 4));
         const Found f = find(c);
-        EXPECT_EQ(f.offset, 0) << size;
-        EXPECT_EQ(f.stype, STY_MPEGTS.num) << size;
-        EXPECT_EQ(f.pkt_len, size);
+        SCOPED_TRACE(size);
+        expect_found(f, 0, STY_MPEGTS.num, size);
     }
 }
 
 TEST_F(DsFindDgram, FiveBytesOfJunkBeforeTs)
 {
-    auto c = make_chunk(cat({0x00, 0x01, 0x02, 0x03, 0x04}, ts_stream(188, 3)));
+    auto c = make_chunk(cat({0x00, 0x01, 0x02, 0x03, 0x04}, tspkt_stream(188, 3)));
     LogCapture cap;
     const Found f = find(c);
-    EXPECT_EQ(f.offset, 5);
-    EXPECT_EQ(f.stype, STY_MPEGTS.num);
-    EXPECT_EQ(f.pkt_len, 188u);
+    expect_found(f, 5, STY_MPEGTS.num, 188u);
     EXPECT_EQ(cap.text(),
               probe_line("in-sync", 188, c.data() + 5, 564) + result_line("TS", 5, 188));
 }
@@ -169,51 +178,41 @@ TEST_F(DsFindDgram, TwoHundredTenOffsetsAreTried)
 {
     LogCapture cap;
     for (size_t j = 0; j <= 212; ++j) {
-        auto c = make_chunk(cat(junk(j), ts_stream(188, 3)));
+        auto c = make_chunk(cat(junk(j), tspkt_stream(188, 3)));
         const Found f = find(c);
-        if (j <= 209) {
-            EXPECT_EQ(f.offset, (off_t)j);
-            EXPECT_EQ(f.stype, STY_MPEGTS.num) << j;
-            EXPECT_EQ(f.pkt_len, 188u) << j;
-        } else {
-            EXPECT_EQ(f.offset, -1) << j;
-            EXPECT_EQ(f.stype, STY_RAW.num) << j;
-            EXPECT_EQ(f.pkt_len, (size_t)-1) << j;
-        }
+        SCOPED_TRACE(j);
+        if (j <= 209)
+            expect_found(f, (off_t)j, STY_MPEGTS.num, 188u);
+        else
+            expect_found(f, -1, STY_RAW.num, (size_t)-1);
     }
 }
 
 TEST_F(DsFindDgram, SyncByteAt209IsFound)
 {
-    auto c = make_chunk(cat(junk(209), ts_stream(204, 2)));
+    auto c = make_chunk(cat(junk(209), tspkt_stream(204, 2)));
     LogCapture cap;
     const Found f = find(c);
-    EXPECT_EQ(f.offset, 209);
-    EXPECT_EQ(f.stype, STY_MPEGTS.num);
-    EXPECT_EQ(f.pkt_len, 204u);
+    expect_found(f, 209, STY_MPEGTS.num, 204u);
 }
 
 TEST_F(DsFindDgram, SyncByteAt210IsNot)
 {
-    auto c = make_chunk(cat(junk(210), ts_stream(188, 3)));
+    auto c = make_chunk(cat(junk(210), tspkt_stream(188, 3)));
     LogCapture cap;
     const Found f = find(c);
-    EXPECT_EQ(f.offset, -1);
-    EXPECT_EQ(f.stype, STY_RAW.num);
-    EXPECT_EQ(f.pkt_len, (size_t)-1);
+    expect_found(f, -1, STY_RAW.num, (size_t)-1);
     EXPECT_EQ(cap.text(), result_line("RAW", -1, -1));
 }
 
 TEST_F(DsFindDgram, AStraySyncByteIsPassedOver)
 {
-    auto v = cat(junk(7), ts_stream(188, 3));
+    auto v = cat(junk(7), tspkt_stream(188, 3));
     v[2] = MPEG_TS_SYNC;
     auto c = make_chunk(v);
     LogCapture cap;
     const Found f = find(c);
-    EXPECT_EQ(f.offset, 7);
-    EXPECT_EQ(f.stype, STY_MPEGTS.num);
-    EXPECT_EQ(f.pkt_len, 188u);
+    expect_found(f, 7, STY_MPEGTS.num, 188u);
     EXPECT_EQ(cap.text(), probe_line("NO-SYNC", 208, c.data() + 2, 569) +
                               probe_line("in-sync", 188, c.data() + 7, 564) +
                               result_line("TS", 7, 188));
@@ -227,37 +226,31 @@ TEST_F(DsFindDgram, FailingCodeIsStoredAsTheLength)
     v[0] = MPEG_TS_SYNC;
     auto c = make_chunk(v);
     Found f = find(c);
-    EXPECT_EQ(f.offset, -1);
-    EXPECT_EQ(f.stype, STY_RAW.num);
-    EXPECT_EQ(f.pkt_len, (size_t)-3);
+    expect_found(f, -1, STY_RAW.num, (size_t)-3);
     EXPECT_EQ(cap.text(), probe_line("NO-SYNC", 208, c.data(), 400) + result_line("RAW", -1, -3));
     cap.clear();
 
     // A first chunk shorter than a packet: -1, the probe itself is silent.
-    auto s = make_chunk(ts_stream(188, 1));
+    auto s = make_chunk(tspkt_stream(188, 1));
     s.len = 100;
     f = find(s);
-    EXPECT_EQ(f.offset, -1);
-    EXPECT_EQ(f.stype, STY_RAW.num);
-    EXPECT_EQ(f.pkt_len, (size_t)-1);
+    expect_found(f, -1, STY_RAW.num, (size_t)-1);
     EXPECT_EQ(cap.text(), result_line("RAW", -1, -1));
 }
 
 TEST_F(DsFindDgram, EmptyChunk)
 {
-    auto c = make_chunk(ts_stream(188, 1));
+    auto c = make_chunk(tspkt_stream(188, 1));
     c.len = 0;
     LogCapture cap;
     const Found f = find(c, 0, 77);
-    EXPECT_EQ(f.offset, -1);
-    EXPECT_EQ(f.stype, STY_RAW.num);
-    EXPECT_EQ(f.pkt_len, (size_t)-1);
+    expect_found(f, -1, STY_RAW.num, (size_t)-1);
     EXPECT_EQ(cap.text(), result_line("RAW", -1, -1));
 }
 
 TEST_F(DsFindDgram, LogsAtModuleSeven)
 {
-    auto c = make_chunk(ts_stream(188, 3));
+    auto c = make_chunk(tspkt_stream(188, 3));
     LogCapture cap;
     g_mod_ll[LLMOD_DSTREAM] = NORM_level;
     const Found f = find(c);
@@ -272,9 +265,7 @@ TEST_F(DsFindDgram, RtpLengthIsTheDistanceBetweenHeaders)
     auto c = make_chunk(rtp_stream(7, 3));
     LogCapture cap;
     const Found f = find(c);
-    EXPECT_EQ(f.offset, 0);
-    EXPECT_EQ(f.stype, STY_RTP.num);
-    EXPECT_EQ(f.pkt_len, 1328u);
+    expect_found(f, 0, STY_RTP.num, 1328u);
     EXPECT_EQ(cap.text(),
               probe_line("in-sync", 188, c.data() + 12, 1128) + result_line("RTP", 0, 1328));
 }
@@ -286,11 +277,9 @@ TEST_F(DsFindDgram, GridSearchTrace)
     LogCapture cap;
     const Found f = find(c);
     EXPECT_EQ(f.pkt_len, 1328u);
-    EXPECT_EQ(cap.text(), "(DBG)  ds_find_dgram: possible RTP-packet match at #0\n" +
-                              probe_line("in-sync", 188, c.data() + 12, 1128) +
-                              "(DBG)  get_rtp_pktlen: TS/188 packets underneath\n"
-                              "(DBG)  get_rtp_pktlen: found next RTP marker at #1328\n" +
-                              result_line("RTP", 0, 1328));
+    EXPECT_EQ(cap.text(),
+              rtp_trace(c, 1128,
+                        "(DBG)  get_rtp_pktlen: found next RTP marker at #1328\n", 1328));
 }
 
 TEST_F(DsFindDgram, SixTsPacketsPerRtpPacket)
@@ -298,9 +287,7 @@ TEST_F(DsFindDgram, SixTsPacketsPerRtpPacket)
     auto c = make_chunk(rtp_stream(6, 3));
     LogCapture cap;
     const Found f = find(c);
-    EXPECT_EQ(f.offset, 0);
-    EXPECT_EQ(f.stype, STY_RTP.num);
-    EXPECT_EQ(f.pkt_len, 1140u);
+    expect_found(f, 0, STY_RTP.num, 1140u);
 }
 
 TEST_F(DsFindDgram, RtpAfterJunkAtTheLastOffset)
@@ -309,9 +296,8 @@ TEST_F(DsFindDgram, RtpAfterJunkAtTheLastOffset)
     for (size_t j : {1u, 3u, 100u, 209u}) {
         auto c = make_chunk(cat(junk(j), rtp_stream(7, 2)));
         const Found f = find(c);
-        EXPECT_EQ(f.offset, (off_t)j);
-        EXPECT_EQ(f.stype, STY_RTP.num) << j;
-        EXPECT_EQ(f.pkt_len, 1328u) << j;
+        SCOPED_TRACE(j);
+        expect_found(f, (off_t)j, STY_RTP.num, 1328u);
     }
     auto c = make_chunk(cat(junk(210), rtp_stream(7, 2)));
     const Found f = find(c);
@@ -327,9 +313,7 @@ TEST_F(DsFindDgram, MarkerBitIsNotPartOfTheType)
     auto c = make_chunk(v);
     LogCapture cap;
     const Found f = find(c);
-    EXPECT_EQ(f.offset, 0);
-    EXPECT_EQ(f.stype, STY_RTP.num);
-    EXPECT_EQ(f.pkt_len, 1328u);
+    expect_found(f, 0, STY_RTP.num, 1328u);
 }
 
 TEST_F(DsFindDgram, PaddingOffTheGridHidesTheNextHeader)
@@ -342,9 +326,7 @@ TEST_F(DsFindDgram, PaddingOffTheGridHidesTheNextHeader)
     LogCapture cap;
     const Found f = find(c);
     EXPECT_TRUE(contains(cap.text(), "(ERR)  get_rtp_pktlen: failed to find next RTP datagram\n"));
-    EXPECT_EQ(f.offset, -1);
-    EXPECT_EQ(f.stype, STY_RAW.num);
-    EXPECT_EQ(f.pkt_len, (size_t)-3);
+    expect_found(f, -1, STY_RAW.num, (size_t)-3);
 }
 
 TEST_F(DsFindDgram, CandidateIsOneByteCompared)
@@ -357,9 +339,7 @@ TEST_F(DsFindDgram, CandidateIsOneByteCompared)
     g_dst_flags = DS_TRACE_TSPARSE;
     LogCapture cap;
     const Found f = find(c);
-    EXPECT_EQ(f.offset, 0);
-    EXPECT_EQ(f.stype, STY_RTP.num);
-    EXPECT_EQ(f.pkt_len, 1140u);
+    expect_found(f, 0, STY_RTP.num, 1140u);
     EXPECT_TRUE(contains(cap.text(), "(DBG)  get_rtp_pktlen: found next RTP marker at #1140\n"));
     // Another non-sync byte there is no header: the grid goes on.
     c[12 + 6 * 188] = 0x81;
@@ -376,14 +356,10 @@ TEST_F(DsFindDgram, ShortChunkTakesTheLengthOnTheGrid)
     g_dst_flags = DS_TRACE_TSPARSE;
     LogCapture cap;
     const Found f = find(c);
-    EXPECT_EQ(f.offset, 0);
-    EXPECT_EQ(f.stype, STY_RTP.num);
-    EXPECT_EQ(f.pkt_len, 1140u);
-    EXPECT_EQ(cap.text(), "(DBG)  ds_find_dgram: possible RTP-packet match at #0\n" +
-                              probe_line("in-sync", 188, c.data() + 12, 988) +
-                              "(DBG)  get_rtp_pktlen: TS/188 packets underneath\n"
-                              "(DBG)  get_rtp_pktlen: EOD assumed to be RTP-packet boundary\n" +
-                              result_line("RTP", 0, 1140));
+    expect_found(f, 0, STY_RTP.num, 1140u);
+    EXPECT_EQ(cap.text(),
+              rtp_trace(c, 988,
+                        "(DBG)  get_rtp_pktlen: EOD assumed to be RTP-packet boundary\n", 1140));
 }
 
 TEST_F(DsFindDgram, NoNextHeaderBelow1400)
@@ -394,15 +370,11 @@ TEST_F(DsFindDgram, NoNextHeaderBelow1400)
     LogCapture cap;
     const Found f = find(c);
     const std::string text = cap.text();
-    EXPECT_TRUE(contains(text, "(DBG)  ds_find_dgram: possible RTP-packet match at #0\n" +
-                                   probe_line("in-sync", 188, c.data() + 12, 1128) +
-                                   "(DBG)  get_rtp_pktlen: TS/188 packets underneath\n"
+    EXPECT_TRUE(contains(text, rtp_trace_head(c, 1128) +
                                    "(ERR)  get_rtp_pktlen: failed to find next RTP datagram\n"))
         << text;
     // The TS inside is then tried on its own and fails at the next header.
-    EXPECT_EQ(f.offset, -1);
-    EXPECT_EQ(f.stype, STY_RAW.num);
-    EXPECT_EQ(f.pkt_len, (size_t)-3);
+    expect_found(f, -1, STY_RAW.num, (size_t)-3);
 }
 
 TEST_F(DsFindDgram, TooFewTsPacketsPerRtpPacketFailTheProbe)
@@ -429,9 +401,7 @@ TEST_F(DsFindDgram, TooShortForAnRtpPacketIsTriedAsTs)
     g_dst_flags = DS_TRACE_TSPARSE;
     LogCapture cap;
     const Found f = find(c);
-    EXPECT_EQ(f.offset, 12);
-    EXPECT_EQ(f.stype, STY_MPEGTS.num);
-    EXPECT_EQ(f.pkt_len, 188u);
+    expect_found(f, 12, STY_MPEGTS.num, 188u);
     EXPECT_EQ(cap.text(), "(DBG)  ds_find_dgram: possible RTP-packet match at #0\n"
                           "(ERR)  get_rtp_pktlen: invalid RTP footer length 0\n" +
                               result_line("TS", 12, 188));
@@ -474,14 +444,10 @@ TEST_F(DsFindDgram, DatagramLengthIsTheBufferLength)
     g_dst_flags = DS_TRACE_TSPARSE;
     LogCapture cap;
     const Found f = find(c, DS_DGRAM_BUF);
-    EXPECT_EQ(f.offset, 0);
-    EXPECT_EQ(f.stype, STY_RTP.num);
-    EXPECT_EQ(f.pkt_len, 1328u);
-    EXPECT_EQ(cap.text(), "(DBG)  ds_find_dgram: possible RTP-packet match at #0\n" +
-                              probe_line("in-sync", 188, c.data() + 12, 1128) +
-                              "(DBG)  get_rtp_pktlen: TS/188 packets underneath\n"
-                              "(DBG)  get_rtp_pktlen: RTP size = datagram size: 1328 bytes\n" +
-                              result_line("RTP", 0, 1328));
+    expect_found(f, 0, STY_RTP.num, 1328u);
+    EXPECT_EQ(cap.text(),
+              rtp_trace(c, 1128,
+                        "(DBG)  get_rtp_pktlen: RTP size = datagram size: 1328 bytes\n", 1328));
 }
 
 TEST_F(DsFindDgram, SmallDatagramOfFourTsPackets)
@@ -489,19 +455,15 @@ TEST_F(DsFindDgram, SmallDatagramOfFourTsPackets)
     auto c = make_chunk(rtp_stream(4, 1));
     LogCapture cap;
     const Found f = find(c, DS_DGRAM_BUF);
-    EXPECT_EQ(f.offset, 0);
-    EXPECT_EQ(f.stype, STY_RTP.num);
-    EXPECT_EQ(f.pkt_len, 764u);
+    expect_found(f, 0, STY_RTP.num, 764u);
 }
 
 TEST_F(DsFindDgram, DatagramFlagDoesNotChangeTs)
 {
-    auto c = make_chunk(ts_stream(188, 7));
+    auto c = make_chunk(tspkt_stream(188, 7));
     LogCapture cap;
     const Found f = find(c, DS_DGRAM_BUF);
-    EXPECT_EQ(f.offset, 0);
-    EXPECT_EQ(f.stype, STY_MPEGTS.num);
-    EXPECT_EQ(f.pkt_len, 188u);
+    expect_found(f, 0, STY_MPEGTS.num, 188u);
 }
 
 TEST_F(DsFindDgram, ContributingSourceMakesItTsWithJunkInFront)
@@ -513,9 +475,7 @@ TEST_F(DsFindDgram, ContributingSourceMakesItTsWithJunkInFront)
     auto c = make_chunk(v);
     LogCapture cap;
     const Found f = find(c, DS_DGRAM_BUF);
-    EXPECT_EQ(f.offset, 16);
-    EXPECT_EQ(f.stype, STY_MPEGTS.num);
-    EXPECT_EQ(f.pkt_len, 188u);
+    expect_found(f, 16, STY_MPEGTS.num, 188u);
     EXPECT_EQ(cap.text(),
               probe_line("in-sync", 188, c.data() + 16, 1316) + result_line("TS", 16, 188));
 }
@@ -529,9 +489,7 @@ TEST_F(DsFindDgram, HeaderExtensionMakesItTsWithJunkInFront)
     auto c = make_chunk(v);
     LogCapture cap;
     const Found f = find(c, DS_DGRAM_BUF);
-    EXPECT_EQ(f.offset, 16);
-    EXPECT_EQ(f.stype, STY_MPEGTS.num);
-    EXPECT_EQ(f.pkt_len, 188u);
+    expect_found(f, 16, STY_MPEGTS.num, 188u);
 }
 
 TEST(DsFindDgramDeathTest, DatagramAbove1400BytesStops)
@@ -591,9 +549,7 @@ TEST_F(RealStream, ProbedAsTsOf188)
     EXPECT_EQ(ts_probe(data_.data(), data_.size(), false), 188);
     auto c = make_chunk(data_);
     const Found f = find(c);
-    EXPECT_EQ(f.offset, 0);
-    EXPECT_EQ(f.stype, STY_MPEGTS.num);
-    EXPECT_EQ(f.pkt_len, 188u);
+    expect_found(f, 0, STY_MPEGTS.num, 188u);
     size_t pkt_len = 0;
     EXPECT_EQ(ts_find_head(data_.data(), data_.size(), &pkt_len), 0);
     EXPECT_EQ(pkt_len, 188u);
@@ -607,9 +563,7 @@ TEST_F(RealStream, FiveBytesOfJunkInFront)
     EXPECT_EQ(ts_probe(v.data() + 5, v.size() - 5, false), 188);
     auto c = make_chunk(v);
     const Found f = find(c);
-    EXPECT_EQ(f.offset, 5);
-    EXPECT_EQ(f.stype, STY_MPEGTS.num);
-    EXPECT_EQ(f.pkt_len, 188u);
+    expect_found(f, 5, STY_MPEGTS.num, 188u);
     size_t pkt_len = 0;
     EXPECT_EQ(ts_find_head(v.data(), v.size(), &pkt_len), 5);
     EXPECT_EQ(pkt_len, 188u);
@@ -628,9 +582,7 @@ TEST_F(RealStream, CarriedInRtp)
     LogCapture cap(NORM_level);
     auto c = make_chunk(v);
     Found f = find(c);
-    EXPECT_EQ(f.offset, 0);
-    EXPECT_EQ(f.stype, STY_RTP.num);
-    EXPECT_EQ(f.pkt_len, 1328u);
+    expect_found(f, 0, STY_RTP.num, 1328u);
     c.len = 1328;
     f = find(c, DS_DGRAM_BUF);
     EXPECT_EQ(f.stype, STY_RTP.num);

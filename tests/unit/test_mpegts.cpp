@@ -9,20 +9,9 @@
 
 #include "logcap.h"
 #include "mpegts.h"
+#include "tspkt.h"
 
 namespace {
-
-constexpr uint8_t kFill = 0x11;  // never the sync byte
-
-// npkts packets of size bytes, a sync byte at the start of each, plus extra
-// bytes of the next packet (its sync byte first, if any).
-std::vector<uint8_t> ts_stream(size_t size, size_t npkts, size_t extra = 0)
-{
-    std::vector<uint8_t> v(size * npkts + extra, kFill);
-    for (size_t pos = 0; pos < v.size(); pos += size)
-        v[pos] = MPEG_TS_SYNC;
-    return v;
-}
 
 std::string probe_line(const char* verdict, size_t size, bool full, const void* buf, size_t len)
 {
@@ -51,6 +40,32 @@ const char* cbuf(const std::vector<uint8_t>& v)
     return reinterpret_cast<const char*>(v.data());
 }
 
+// npkts packets of size bytes probe in sync at size, logging so.
+void expect_in_sync(size_t size, size_t npkts, bool full)
+{
+    LogCapture cap;
+    auto v = tspkt_stream(size, npkts);
+    EXPECT_EQ(ts_probe(v.data(), v.size(), full), (ssize_t)size);
+    EXPECT_EQ(cap.text(), probe_line("in-sync", size, full, v.data(), size * npkts));
+}
+
+// The head is found at offset with packets of pkt_len, or pkt_len is left as it was.
+void expect_head(const std::vector<uint8_t>& v, off_t offset, size_t pkt_len,
+                 size_t pkt_len_before = 0)
+{
+    size_t got = pkt_len_before;
+    LogCapture cap;
+    EXPECT_EQ(ts_find_head(v.data(), v.size(), &got), offset);
+    EXPECT_EQ(got, pkt_len);
+}
+
+// Neither search finds a PCR in v's packets of pkt_len.
+void expect_no_pcr(const std::vector<uint8_t>& v, size_t pkt_len, uint64_t* pcr)
+{
+    EXPECT_EQ(find_first_pcr(cbuf(v), v.size(), pkt_len, pcr), -1);
+    EXPECT_EQ(find_last_pcr(cbuf(v), v.size(), pkt_len, pcr), -1);
+}
+
 }  // namespace
 
 // ---- ts_probe ----
@@ -58,7 +73,7 @@ const char* cbuf(const std::vector<uint8_t>& v)
 TEST(TsProbe, NoSyncByteAtStartIsEinval)
 {
     LogCapture cap;
-    auto v = ts_stream(188, 3);
+    auto v = tspkt_stream(188, 3);
     v[0] = 0x48;
     EXPECT_EQ(ts_probe(v.data(), v.size(), false), -22);
     EXPECT_EQ(cap.text(), "");
@@ -80,7 +95,7 @@ TEST(TsProbe, OneWholePacketOfEachLargerSizeReturnsItsLength)
 {
     LogCapture cap;
     for (size_t size : {192u, 204u, 208u}) {
-        std::vector<uint8_t> v(size, kFill);
+        std::vector<uint8_t> v(size, kTsFill);
         v[0] = MPEG_TS_SYNC;
         EXPECT_EQ(ts_probe(v.data(), size, false), (ssize_t)size) << size;
     }
@@ -90,7 +105,7 @@ TEST(TsProbe, OneWholePacketOfEachLargerSizeReturnsItsLength)
 TEST(TsProbe, OneByteOfTheNextPacketIsEnough)
 {
     LogCapture cap;
-    auto v = ts_stream(188, 1, 1);
+    auto v = tspkt_stream(188, 1, 1);
     ASSERT_EQ(v.size(), 189u);
     ASSERT_EQ(v[188], MPEG_TS_SYNC);
     EXPECT_EQ(ts_probe(v.data(), v.size(), false), 188);
@@ -101,7 +116,7 @@ TEST(TsProbe, ShortBufferEndsTheProbeWithMinusOne)
 {
     LogCapture cap;
     // 188 fails at byte 188, then 192 is above the length.
-    std::vector<uint8_t> v(190, kFill);
+    std::vector<uint8_t> v(190, kTsFill);
     v[0] = MPEG_TS_SYNC;
     EXPECT_EQ(ts_probe(v.data(), 190, false), -1);
     EXPECT_EQ(ts_probe(v.data(), 190, true), -1);
@@ -109,7 +124,7 @@ TEST(TsProbe, ShortBufferEndsTheProbeWithMinusOne)
     for (size_t len : {1u, 100u, 187u})
         EXPECT_EQ(ts_probe(v.data(), len, false), -1) << len;
     // 188 and 192 fail, 204 is above 200.
-    std::vector<uint8_t> w(200, kFill);
+    std::vector<uint8_t> w(200, kTsFill);
     w[0] = MPEG_TS_SYNC;
     EXPECT_EQ(ts_probe(w.data(), 200, false), -1);
     EXPECT_EQ(cap.text(), "");
@@ -117,40 +132,28 @@ TEST(TsProbe, ShortBufferEndsTheProbeWithMinusOne)
 
 TEST(TsProbe, TwoPacketsOf192)
 {
-    LogCapture cap;
-    auto v = ts_stream(192, 2);
-    EXPECT_EQ(ts_probe(v.data(), v.size(), false), 192);
-    EXPECT_EQ(cap.text(), probe_line("in-sync", 192, false, v.data(), 384));
+    expect_in_sync(192, 2, false);
 }
 
 TEST(TsProbe, TwoPacketsOf204AfterTwoSmallerSizesFail)
 {
-    LogCapture cap;
-    auto v = ts_stream(204, 2);
-    EXPECT_EQ(ts_probe(v.data(), v.size(), false), 204);
-    EXPECT_EQ(cap.text(), probe_line("in-sync", 204, false, v.data(), 408));
+    expect_in_sync(204, 2, false);
 }
 
 TEST(TsProbe, ThreePacketsOf208)
 {
-    LogCapture cap;
-    auto v = ts_stream(208, 3);
-    EXPECT_EQ(ts_probe(v.data(), v.size(), true), 208);
-    EXPECT_EQ(cap.text(), probe_line("in-sync", 208, true, v.data(), 624));
+    expect_in_sync(208, 3, true);
 }
 
 TEST(TsProbe, WholePacketsOf188WithFullPkts)
 {
-    LogCapture cap;
-    auto v = ts_stream(188, 2);
-    EXPECT_EQ(ts_probe(v.data(), 376, true), 188);
-    EXPECT_EQ(cap.text(), probe_line("in-sync", 188, true, v.data(), 376));
+    expect_in_sync(188, 2, true);
 }
 
 TEST(TsProbe, PartialLastPacketFailsOnlyWithFullPkts)
 {
     LogCapture cap;
-    auto v = ts_stream(188, 2, 1);
+    auto v = tspkt_stream(188, 2, 1);
     ASSERT_EQ(v.size(), 377u);
     // The multiple test fails at 188; 192, 204, 208 find no sync byte.
     EXPECT_EQ(ts_probe(v.data(), 377, true), -3);
@@ -164,7 +167,7 @@ TEST(TsProbe, FullPktsLetsTheNextSizeDecide)
 {
     // Sync bytes on both grids: 188 is in sync but 576 bytes are no whole
     // number of its packets, so with full_pkts 192 decides.
-    std::vector<uint8_t> v(576, kFill);
+    std::vector<uint8_t> v(576, kTsFill);
     for (size_t pos : {0u, 188u, 376u, 564u, 192u, 384u})
         v[pos] = MPEG_TS_SYNC;
     LogCapture cap;
@@ -176,7 +179,7 @@ TEST(TsProbe, EverySteppedOnByteMustBeASyncByte)
 {
     LogCapture cap;
     // Sync bytes every 376 bytes only: no size fits.
-    std::vector<uint8_t> v(1128, kFill);
+    std::vector<uint8_t> v(1128, kTsFill);
     for (size_t pos = 0; pos < v.size(); pos += 376)
         v[pos] = MPEG_TS_SYNC;
     EXPECT_EQ(ts_probe(v.data(), v.size(), false), -3);
@@ -186,14 +189,14 @@ TEST(TsProbe, EverySteppedOnByteMustBeASyncByte)
         v[pos] = MPEG_TS_SYNC;
     EXPECT_EQ(ts_probe(v.data(), v.size(), false), 188);
     // One bad byte far behind the start breaks 188.
-    auto w = ts_stream(188, 20);
-    w[188 * 17] = kFill;
+    auto w = tspkt_stream(188, 20);
+    w[188 * 17] = kTsFill;
     EXPECT_EQ(ts_probe(w.data(), w.size(), false), -3);
 }
 
 TEST(TsProbe, LogsAtModuleSevenOnly)
 {
-    auto v = ts_stream(188, 2);
+    auto v = tspkt_stream(188, 2);
     LogCapture cap;
     g_mod_ll[LLMOD_DSTREAM] = NORM_level;
     EXPECT_EQ(ts_probe(v.data(), v.size(), false), 188);
@@ -204,59 +207,44 @@ TEST(TsProbe, LogsAtModuleSevenOnly)
 
 TEST(TsFindHead, JunkBeforeTheStream)
 {
-    auto v = ts_stream(188, 3);
+    auto v = tspkt_stream(188, 3);
     v.insert(v.begin(), {0x01, 0x02, 0x03, 0x04, 0x05});
-    size_t pkt_len = 0;
-    LogCapture cap;
-    EXPECT_EQ(ts_find_head(v.data(), v.size(), &pkt_len), 5);
-    EXPECT_EQ(pkt_len, 188u);
+    expect_head(v, 5, 188);
 }
 
 TEST(TsFindHead, StreamAtTheStart)
 {
-    auto v = ts_stream(204, 3);
-    size_t pkt_len = 0;
-    LogCapture cap;
-    EXPECT_EQ(ts_find_head(v.data(), v.size(), &pkt_len), 0);
-    EXPECT_EQ(pkt_len, 204u);
+    expect_head(tspkt_stream(204, 3), 0, 204);
 }
 
 TEST(TsFindHead, NoSyncByteAtAll)
 {
-    std::vector<uint8_t> v(600, kFill);
-    size_t pkt_len = 77;
-    EXPECT_EQ(ts_find_head(v.data(), v.size(), &pkt_len), -1);
-    EXPECT_EQ(pkt_len, 77u);
+    std::vector<uint8_t> v(600, kTsFill);
+    expect_head(v, -1, 77, 77);
 }
 
 TEST(TsFindHead, AStraySyncByteIsPassedOver)
 {
-    std::vector<uint8_t> v(20, kFill);
+    std::vector<uint8_t> v(20, kTsFill);
     v[3] = MPEG_TS_SYNC;
-    auto s = ts_stream(188, 3);
+    auto s = tspkt_stream(188, 3);
     v.insert(v.end(), s.begin(), s.end());
-    size_t pkt_len = 0;
-    LogCapture cap;
-    EXPECT_EQ(ts_find_head(v.data(), v.size(), &pkt_len), 20);
-    EXPECT_EQ(pkt_len, 188u);
+    expect_head(v, 20, 188);
 }
 
 TEST(TsFindHead, OffsetAbove206IsReturnedWithoutALength)
 {
     // The only sync byte at 207 fails the probe; the next round returns 207.
-    std::vector<uint8_t> v(400, kFill);
+    std::vector<uint8_t> v(400, kTsFill);
     v[207] = MPEG_TS_SYNC;
-    size_t pkt_len = 77;
-    LogCapture cap;
-    EXPECT_EQ(ts_find_head(v.data(), v.size(), &pkt_len), 207);
-    EXPECT_EQ(pkt_len, 77u);
+    expect_head(v, 207, 77, 77);
 }
 
 TEST(TsFindHeadDeathTest, AFailingSyncByteWithNoneBehindNeverEnds)
 {
     // The sync byte at 10 fails the probe; the one at 295 lies beyond the
     // shrinking bound (300 - 11), so the search repeats itself.
-    std::vector<uint8_t> v(300, kFill);
+    std::vector<uint8_t> v(300, kTsFill);
     v[10] = MPEG_TS_SYNC;
     v[295] = MPEG_TS_SYNC;
     EXPECT_EXIT(
@@ -352,7 +340,7 @@ TEST(PcrDelta, OneSecondIs90000Ticks)
 
 TEST(FindPcr, OnePacketWithAPcr)
 {
-    auto v = ts_stream(188, 1);
+    auto v = tspkt_stream(188, 1);
     set_pcr(v.data(), 0x1ABCDEF01u);  // 33 bits, the lowest set
     uint64_t pcr = 0;
     EXPECT_EQ(find_first_pcr(cbuf(v), v.size(), 188, &pcr), 0);
@@ -364,7 +352,7 @@ TEST(FindPcr, OnePacketWithAPcr)
 
 TEST(FindPcr, AllBitsOfTheBase)
 {
-    auto v = ts_stream(188, 2);
+    auto v = tspkt_stream(188, 2);
     set_pcr(v.data() + 188, P2_33 - 1);
     uint64_t pcr = 0;
     EXPECT_EQ(find_first_pcr(cbuf(v), v.size(), 188, &pcr), 0);
@@ -376,7 +364,7 @@ TEST(FindPcr, AllBitsOfTheBase)
 
 TEST(FindPcr, FirstAndLastOfSeveral)
 {
-    auto v = ts_stream(188, 5);
+    auto v = tspkt_stream(188, 5);
     set_pcr(v.data() + 188 * 1, 1000);
     set_pcr(v.data() + 188 * 2, 2000);
     set_pcr(v.data() + 188 * 3, 3000);
@@ -389,7 +377,7 @@ TEST(FindPcr, FirstAndLastOfSeveral)
 
 TEST(FindPcr, LastNeverExaminesThePacketAtTheStart)
 {
-    auto v = ts_stream(204, 3);
+    auto v = tspkt_stream(204, 3);
     set_pcr(v.data(), 4242);
     uint64_t pcr = 0;
     EXPECT_EQ(find_first_pcr(cbuf(v), v.size(), 204, &pcr), 0);
@@ -399,21 +387,18 @@ TEST(FindPcr, LastNeverExaminesThePacketAtTheStart)
 
 TEST(FindPcr, AllThreeFlagsAreNeeded)
 {
-    auto v = ts_stream(188, 3);
+    auto v = tspkt_stream(188, 3);
     uint8_t* p = v.data() + 188;
     uint64_t pcr = 0;
     set_pcr(p, 77);
     p[3] &= ~0x20;  // no adaptation field
-    EXPECT_EQ(find_first_pcr(cbuf(v), v.size(), 188, &pcr), -1);
-    EXPECT_EQ(find_last_pcr(cbuf(v), v.size(), 188, &pcr), -1);
+    expect_no_pcr(v, 188, &pcr);
     set_pcr(p, 77);
     p[4] = 0;  // empty adaptation field
-    EXPECT_EQ(find_first_pcr(cbuf(v), v.size(), 188, &pcr), -1);
-    EXPECT_EQ(find_last_pcr(cbuf(v), v.size(), 188, &pcr), -1);
+    expect_no_pcr(v, 188, &pcr);
     set_pcr(p, 77);
     p[5] = 0x40;  // random access, but no PCR flag
-    EXPECT_EQ(find_first_pcr(cbuf(v), v.size(), 188, &pcr), -1);
-    EXPECT_EQ(find_last_pcr(cbuf(v), v.size(), 188, &pcr), -1);
+    expect_no_pcr(v, 188, &pcr);
     set_pcr(p, 77);
     EXPECT_EQ(find_first_pcr(cbuf(v), v.size(), 188, &pcr), 0);
     EXPECT_EQ(pcr, 77u);
@@ -429,7 +414,7 @@ TEST(FindPcr, EmptyBuffer)
 
 TEST(FindPcrDeathTest, BufferShorterThanAPacketStops)
 {
-    auto v = ts_stream(188, 1);
+    auto v = tspkt_stream(188, 1);
     uint64_t pcr = 0;
     EXPECT_DEATH(find_first_pcr(cbuf(v), 100, 188, &pcr),
                  "Assertion failed: \\(buf && pcr && len >= pkt_len\\), function find_first_pcr");

@@ -6,18 +6,33 @@
 #include "logcap.h"
 #include "mpegts.h"
 #include "rtp.h"
+#include "tspkt.h"
 
 namespace {
 
 // A 12-byte RTP header of version 2, type 33, with a TS packet behind it.
 std::vector<uint8_t> rtp_pkt(size_t len = 12 + 188)
 {
-    std::vector<uint8_t> v(len, 0x11);
-    const uint8_t hdr[12] = {0x80, 33, 0x12, 0x34, 0x00, 0x01, 0x5F, 0x90, 0xDE, 0xAD, 0xBE, 0xEF};
-    for (size_t i = 0; i < sizeof(hdr); ++i)
-        v[i] = hdr[i];
+    std::vector<uint8_t> v(len, kTsFill);
+    tspkt_rtp_header(v.data(), 0x80, 0x34);
     v[12] = MPEG_TS_SYNC;
     return v;
+}
+
+// The quiet test turns down the packet spoiled by `first` without a word;
+// the logging one turns it down, and again once `then` is set too, saying why.
+void expect_not_rtp(std::initializer_list<TsPktByte> first, std::initializer_list<TsPktByte> then,
+                    const char* why)
+{
+    LogCapture cap;
+    auto v = rtp_pkt();
+    tspkt_set(v, first);
+    EXPECT_FALSE(is_rtp_data(v.data()));
+    EXPECT_EQ(cap.text(), "");
+    EXPECT_FALSE(is_rtp_pkt(v.data()));
+    tspkt_set(v, then);
+    EXPECT_FALSE(is_rtp_pkt(v.data()));
+    EXPECT_EQ(cap.text(), why);
 }
 
 }  // namespace
@@ -56,16 +71,9 @@ TEST(RtpTest, WrongVersion)
 
 TEST(RtpTest, WrongPayloadType)
 {
-    LogCapture cap;
-    auto v = rtp_pkt();
-    v[1] = 96;
-    EXPECT_FALSE(is_rtp_data(v.data()));
-    EXPECT_EQ(cap.text(), "");
-    EXPECT_FALSE(is_rtp_pkt(v.data()));
-    v[1] = 0x80 | 34;
-    EXPECT_FALSE(is_rtp_pkt(v.data()));
-    EXPECT_EQ(cap.text(), "(WRN)  is_rtp_ext: wrong payload type: 0x60\n"
-                          "(WRN)  is_rtp_ext: wrong payload type: 0x22\n");
+    expect_not_rtp({{1, 96}}, {{1, 0x80 | 34}},
+                   "(WRN)  is_rtp_ext: wrong payload type: 0x60\n"
+                   "(WRN)  is_rtp_ext: wrong payload type: 0x22\n");
 }
 
 TEST(RtpTest, MpegAudioAndVideoFailOnTheLength)
@@ -87,49 +95,24 @@ TEST(RtpTest, MpegAudioAndVideoFailOnTheLength)
 
 TEST(RtpTest, ContributingSourcesAreNotRtp)
 {
-    LogCapture cap;
-    auto v = rtp_pkt();
-    v[0] = 0x81;
-    v[16] = MPEG_TS_SYNC;
-    EXPECT_FALSE(is_rtp_data(v.data()));
-    EXPECT_EQ(cap.text(), "");
-    EXPECT_FALSE(is_rtp_pkt(v.data()));
-    v[0] = 0x8F;
-    EXPECT_FALSE(is_rtp_pkt(v.data()));
-    EXPECT_EQ(cap.text(), "(ERR)  is_rtp_ext: invalid RTP header length: 16\n"
-                          "(ERR)  is_rtp_ext: invalid RTP header length: 72\n");
+    expect_not_rtp({{0, 0x81}, {16, MPEG_TS_SYNC}}, {{0, 0x8F}},
+                   "(ERR)  is_rtp_ext: invalid RTP header length: 16\n"
+                   "(ERR)  is_rtp_ext: invalid RTP header length: 72\n");
 }
 
 TEST(RtpTest, HeaderExtensionIsNotRtp)
 {
-    LogCapture cap;
-    auto v = rtp_pkt();
-    v[0] = 0x90;
-    v[14] = 0;
-    v[15] = 0;  // an empty extension still has its own 4 bytes
-    EXPECT_FALSE(is_rtp_data(v.data()));
-    EXPECT_EQ(cap.text(), "");
-    EXPECT_FALSE(is_rtp_pkt(v.data()));
-    v[14] = 0x01;
-    v[15] = 0x02;  // 258 words, big-endian
-    EXPECT_FALSE(is_rtp_pkt(v.data()));
-    EXPECT_EQ(cap.text(), "(ERR)  is_rtp_ext: invalid RTP header length: 16\n"
-                          "(ERR)  is_rtp_ext: invalid RTP header length: 1048\n");
+    // An empty extension still has its own 4 bytes; 258 words, big-endian.
+    expect_not_rtp({{0, 0x90}, {14, 0}, {15, 0}}, {{14, 0x01}, {15, 0x02}},
+                   "(ERR)  is_rtp_ext: invalid RTP header length: 16\n"
+                   "(ERR)  is_rtp_ext: invalid RTP header length: 1048\n");
 }
 
 TEST(RtpTest, NoTsBehindTheHeaderShowsTheFirstByte)
 {
-    LogCapture cap;
-    auto v = rtp_pkt();
-    v[12] = 0x48;
-    EXPECT_FALSE(is_rtp_data(v.data()));
-    EXPECT_EQ(cap.text(), "");
-    EXPECT_FALSE(is_rtp_pkt(v.data()));
-    v[0] = 0xA0;
-    EXPECT_FALSE(is_rtp_pkt(v.data()));
-    EXPECT_EQ(cap.text(),
-              "(WRN)  is_rtp_ext: non-TS content inside (allegedly) RTP container (0x80)\n"
-              "(WRN)  is_rtp_ext: non-TS content inside (allegedly) RTP container (0xa0)\n");
+    expect_not_rtp({{12, 0x48}}, {{0, 0xA0}},
+                   "(WRN)  is_rtp_ext: non-TS content inside (allegedly) RTP container (0x80)\n"
+                   "(WRN)  is_rtp_ext: non-TS content inside (allegedly) RTP container (0xa0)\n");
 }
 
 TEST(RtpTest, LogsAtModuleThree)
@@ -153,9 +136,7 @@ TEST(RtpHeaderLen, FixedSourcesAndExtension)
     EXPECT_EQ(rtp_header_len(v.data(), 12), 12);
     v[0] = 0x83;
     EXPECT_EQ(rtp_header_len(v.data(), v.size()), 24);
-    v[0] = 0x90;
-    v[14] = 0;
-    v[15] = 2;
+    tspkt_set(v, {{0, 0x90}, {14, 0}, {15, 2}});
     EXPECT_EQ(rtp_header_len(v.data(), 18), 24);
     v[0] = 0x92;  // the length is read at offset 14 whatever the sources
     EXPECT_EQ(rtp_header_len(v.data(), v.size()), 32);
@@ -183,9 +164,7 @@ TEST(RtpHeaderLen, ExtensionInATooShortBuffer)
 {
     LogCapture cap;
     auto v = rtp_pkt();
-    v[0] = 0x90;
-    v[14] = 0;
-    v[15] = 0;
+    tspkt_set(v, {{0, 0x90}, {14, 0}, {15, 0}});
     EXPECT_EQ(rtp_header_len(v.data(), 17), -12);
     EXPECT_EQ(rtp_header_len(v.data(), 12), -12);
     EXPECT_EQ(cap.text(), "(ERR)  rtp_header_len: insufficient length (17) for extended header\n"
