@@ -207,8 +207,10 @@ ssize_t mmr_cap_pp(mmr_t ring, size_t max_payload_sz, cap_ppfunc pprocess)
         }
         // More than one pass can read out: the rest goes on the next pass,
         // and packet numbers count only records really dropped.
-        if (rec_out > count)
+        if (rec_out > count) {
             rec_out = count;
+            nleft = mr->pld_size - count * iov[0].iov_len;
+        }
 
         if (g_verbosity & MMR_CAP_VERBOSE)
             LOG_AT(DEBUG_level, "%s: %zu records must be capped to %zu, cap=%zu\n", "mmr_cap_pp", rec_out, nleft,
