@@ -139,8 +139,19 @@ class KstTestCase(unittest.TestCase):
         w = wait_for(lambda: try_open_writer(fifo), timeout=10)
         self.assertIsNotNone(w, "kst never opened the FIFO")
         os.set_blocking(w, True)
-        self.assertTrue(wait_for(lambda: "Reading (STM)" in read_text(log), timeout=10))
+        self.awaitLog(log, "Reading (STM)")
         return p, w, log
+
+    def awaitLog(self, log, text, timeout=10):
+        """Waits, bounded, until the log file holds text; fails otherwise."""
+        self.assertTrue(wait_for(lambda: text in read_text(log), timeout=timeout),
+                        f"log never showed: {text}")
+
+    def stop_fifo(self, p, w):
+        """A clean stop by SIGTERM (exit code 0), then the writer closed."""
+        p.send_signal(signal.SIGTERM)
+        self.assertEqual(p.wait(timeout=10), 0)
+        os.close(w)
 
     def assertNoShmLeftBy(self, output):
         pid = exit_pid(output)

@@ -2,10 +2,9 @@
 of packet size, an RTP stream that gains a contributing source. The ring's
 eviction finds it and ends the capture cleanly."""
 import os
-import signal
 import struct
 
-from kstlib import KstTestCase, messages, read_text, repeated_ts, wait_for
+from kstlib import KstTestCase, messages, read_text, repeated_ts
 
 TS_PKT = 188
 MAX_PLD = (1 << 20) - 4096  # a 1 MiB ring less the read reserve
@@ -35,7 +34,7 @@ class BadStreamTest(KstTestCase):
         p, w, log = self.start_on_fifo(["-E", "1"])
         try:
             os.write(w, data[:first])
-            self.assertTrue(wait_for(lambda: "stream detected" in read_text(log), timeout=10))
+            self.awaitLog(log, "stream detected")
             os.write(w, data[first:])
         except BrokenPipeError:
             pass  # kst stopped reading, as it should
@@ -74,10 +73,8 @@ class BadStreamTest(KstTestCase):
         rtp = rtp_packets(self.ts(1))
         p, w, log = self.start_on_fifo(["-E", "1"], name="rtp")
         os.write(w, rtp)
-        self.assertTrue(wait_for(lambda: "TS pkt_len=1328" in read_text(log), timeout=10))
-        p.send_signal(signal.SIGTERM)
-        self.assertEqual(p.wait(timeout=10), 0)
-        os.close(w)
+        self.awaitLog(log, "TS pkt_len=1328")
+        self.stop_fifo(p, w)
         msgs = messages(read_text(log))
         self.assertIn("(INF) mmr_iput_ex: RTP stream detected", msgs)
         self.assertNotIn("(ERR)", read_text(log))

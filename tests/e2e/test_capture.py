@@ -138,9 +138,7 @@ class FifoSourceTest(KstTestCase):
             with open(shm, "rb") as f:
                 return f.read(len(data)) == data
         self.assertTrue(wait_for(ring_has_it, timeout=10), "ring does not hold the stream's bytes")
-        p.send_signal(signal.SIGTERM)
-        self.assertEqual(p.wait(timeout=10), 0)
-        os.close(w)
+        self.stop_fifo(p, w)
         self.assertFalse(os.path.exists(shm))
 
     def test_a_small_ring_wraps_many_times_and_holds_the_newest_bytes(self):
@@ -161,9 +159,7 @@ class FifoSourceTest(KstTestCase):
             return obj[cut:] + obj[:cut] == want
         self.assertTrue(wait_for(newest_held, timeout=20), "ring does not hold the newest bytes")
         self.assertIsNone(p.poll(), "capture stopped")
-        p.send_signal(signal.SIGTERM)
-        self.assertEqual(p.wait(timeout=10), 0)
-        os.close(w)
+        self.stop_fifo(p, w)
         self.assertNotIn("(ERR)", read_text(log))
         self.assertFalse(os.path.exists(shm))
 
@@ -200,7 +196,7 @@ class FifoSourceTest(KstTestCase):
         p = self.start_kst(["-T", "-l", log, "-i", "file://" + fifo])
         w = wait_for(lambda: try_open_writer(fifo), timeout=10)
         self.assertIsNotNone(w)
-        self.assertTrue(wait_for(lambda: "Reading (STM)" in read_text(log), timeout=10))
+        self.awaitLog(log, "Reading (STM)")
         os.close(w)  # end of stream
         p.wait(timeout=10)
         console = p.stderr.read()

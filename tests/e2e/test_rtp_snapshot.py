@@ -7,7 +7,7 @@ import socket
 import subprocess
 import time
 
-from kstlib import KstTestCase, make_ts, messages, need, read_text, wait_for
+from kstlib import KstTestCase, make_ts, messages, need, read_text
 
 RTP_LEN = 12 + 7 * 188
 
@@ -56,13 +56,11 @@ class RtpFromFfmpegTest(KstTestCase):
         os.write(w, stream)
         time.sleep(0.3)
         p.send_signal(signal.SIGUSR2)
-        self.assertTrue(wait_for(lambda: "got the expected snapshot ALARM" in read_text(log), timeout=10))
+        self.awaitLog(log, "got the expected snapshot ALARM")
         extra = full[0]
         os.write(w, extra)
-        self.assertTrue(wait_for(lambda: "take_snapshot: write" in read_text(log), timeout=10))
-        p.send_signal(signal.SIGTERM)
-        self.assertEqual(p.wait(timeout=10), 0)
-        os.close(w)
+        self.awaitLog(log, "take_snapshot: write")
+        self.stop_fifo(p, w)
 
         msgs = messages(read_text(log))
         self.assertIn("(INF) mmr_iput_ex: RTP stream detected", msgs)

@@ -42,9 +42,7 @@ class SnapshotTest(KstTestCase):
         return files
 
     def stop(self):
-        self.p.send_signal(signal.SIGTERM)
-        self.assertEqual(self.p.wait(timeout=10), 0)
-        os.close(self.w)
+        self.stop_fifo(self.p, self.w)
 
     def stream(self, megabytes):
         return repeated_ts(self.path("one.ts"), megabytes)
@@ -62,7 +60,7 @@ class SnapshotTest(KstTestCase):
         os.write(w, data)
         time.sleep(0.3)
         p.send_signal(signal.SIGUSR2)
-        self.assertTrue(wait_for(lambda: "got the expected snapshot ALARM" in read_text(self.log), timeout=10))
+        self.awaitLog(self.log, "got the expected snapshot ALARM")
         # The alarm doesn't break the blocking read: the file waits for data.
         time.sleep(0.2)
         self.assertEqual(self.snapshot_files(p.pid), [])
@@ -71,7 +69,7 @@ class SnapshotTest(KstTestCase):
         self.assertTrue(wait_for(lambda: self.snapshot_files(p.pid), timeout=10))
         files = self.snapshot_files(p.pid)
         self.assertEqual([os.path.basename(f) for f in files], [f"snap{p.pid}-p0_0-A.ts"])
-        self.assertTrue(wait_for(lambda: "take_snapshot: write" in read_text(self.log), timeout=10))
+        self.awaitLog(self.log, "take_snapshot: write")
         with open(files[0], "rb") as f:
             snap = f.read()
         sent = data + extra
@@ -91,13 +89,13 @@ class SnapshotTest(KstTestCase):
         os.write(w, data[:len(data) // 2])
         time.sleep(0.2)
         p.send_signal(signal.SIGUSR2)
-        self.assertTrue(wait_for(lambda: "take snapshot as soon as tail >= 1 Mb" in read_text(self.log), timeout=10))
+        self.awaitLog(self.log, "take snapshot as soon as tail >= 1 Mb")
         self.assertEqual(self.snapshot_files(p.pid), [])
         os.write(w, data[len(data) // 2:])
         self.assertTrue(wait_for(lambda: self.snapshot_files(p.pid), timeout=10))
         files = self.snapshot_files(p.pid)
         self.assertEqual([os.path.basename(f) for f in files], [f"snap{p.pid}-p0_0-B.ts"])
-        self.assertTrue(wait_for(lambda: "take_snapshot: write" in read_text(self.log), timeout=10))
+        self.awaitLog(self.log, "take_snapshot: write")
         text = read_text(self.log)
         self.assertRegex(text, r"run_app: tail size \(\d+\) >= 1 Mb")
         with open(files[0], "rb") as f:
@@ -111,11 +109,10 @@ class SnapshotTest(KstTestCase):
         p, w = self.start("682:300")
         os.write(w, self.stream(1))
         p.send_signal(signal.SIGUSR2)
-        self.assertTrue(wait_for(lambda: "alarm set for 300 ms" in read_text(self.log), timeout=10))
+        self.awaitLog(self.log, "alarm set for 300 ms")
         p.send_signal(signal.SIGUSR2)
-        self.assertTrue(wait_for(lambda: "Another snapshot is pending, ignoring this request" in read_text(self.log),
-                                 timeout=10))
-        self.assertTrue(wait_for(lambda: "got the expected snapshot ALARM" in read_text(self.log), timeout=10))
+        self.awaitLog(self.log, "Another snapshot is pending, ignoring this request")
+        self.awaitLog(self.log, "got the expected snapshot ALARM")
         os.write(w, bytes([0x47]) + bytes(187))
         self.assertTrue(wait_for(lambda: self.snapshot_files(p.pid), timeout=10))
         time.sleep(0.3)
@@ -130,8 +127,8 @@ class SnapshotTest(KstTestCase):
         p.send_signal(signal.SIGUSR2)
         p.send_signal(signal.SIGUSR2)
         # Two signals may arrive as one; either way there is one request.
-        self.assertTrue(wait_for(lambda: "Received snapshot-SIG" in read_text(self.log), timeout=10))
-        self.assertTrue(wait_for(lambda: "got the expected snapshot ALARM" in read_text(self.log), timeout=10))
+        self.awaitLog(self.log, "Received snapshot-SIG")
+        self.awaitLog(self.log, "got the expected snapshot ALARM")
         os.write(w, bytes([0x47]) + bytes(187))
         self.assertTrue(wait_for(lambda: self.snapshot_files(p.pid), timeout=10))
         time.sleep(0.3)
@@ -142,7 +139,7 @@ class SnapshotTest(KstTestCase):
         p, w = self.start("682:60000")
         os.write(w, self.stream(1))
         p.send_signal(signal.SIGUSR2)
-        self.assertTrue(wait_for(lambda: "alarm set for 60000 ms" in read_text(self.log), timeout=10))
+        self.awaitLog(self.log, "alarm set for 60000 ms")
         self.stop()
         self.assertEqual(self.snapshot_files(p.pid), [])
         self.assertIn("run_app: done reading from source fd5, quit=1", read_text(self.log))
@@ -153,11 +150,11 @@ class SnapshotTest(KstTestCase):
         os.write(w, data)
         time.sleep(0.2)
         p.send_signal(signal.SIGUSR2)
-        self.assertTrue(wait_for(lambda: "re-reading after an interrupt" in read_text(self.log), timeout=10))
-        self.assertTrue(wait_for(lambda: "got the expected snapshot ALARM" in read_text(self.log), timeout=10))
+        self.awaitLog(self.log, "re-reading after an interrupt")
+        self.awaitLog(self.log, "got the expected snapshot ALARM")
         tail = data[:TS_PKT * 10]
         os.write(w, tail)
-        self.assertTrue(wait_for(lambda: "take_snapshot: write" in read_text(self.log), timeout=10))
+        self.awaitLog(self.log, "take_snapshot: write")
         snap_path = self.snapshot_files(p.pid)[0]
         with open(snap_path, "rb") as f:
             snap = f.read()
