@@ -5,6 +5,7 @@
 #include <sys/types.h>
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
 
 #include "vrtypes.h"
 
@@ -45,6 +46,17 @@ struct ll_status {
     unsigned sec_ll_set : 1;
 };
 
+constexpr size_t MAX_CYCLIC_ROTATIONS = 128;
+
+// When a log is rotated and how many old files it keeps.
+struct rotation_ctx {
+    time_t tm[MAX_CYCLIC_ROTATIONS];  // stamps of the rotated files; 0 marks a free slot
+    ssize_t next_idx;
+    size_t max_idx;     // rotated files to keep
+    size_t max_total;   // rotate when total_out reaches it; 0: never by size
+    time_t max_log_tm;  // rotate after this moment; 0: never by time
+};
+
 struct log_ctx {
     char name[LOG_PATHNAME_MAX];
     unsigned is_pipe : 1;
@@ -56,6 +68,7 @@ struct log_ctx {
     ll_status llst;
     pid_t pid;
     n64_tag group;
+    rotation_ctx rota;
 };
 
 struct log_module_ctx {
@@ -92,6 +105,13 @@ uint64_t log_get_group(const log_ctx* log);
 void log_close(log_ctx* log);
 void glog_enable_syslog(const char* app);
 void glog_disable_syslog();
+
+// Rotation limits.
+void log_set_rota(log_ctx* log, size_t maxsize, size_t maxfiles, time_t max_time);
+void log_set_eod(log_ctx* log, time_t max_time);
+size_t log_rota_maxfiles(const log_ctx* log);
+size_t log_rota_maxsize(const log_ctx* log);
+time_t log_rota_eod(const log_ctx* log);
 
 // Levels.
 void log_set_modules(log_ctx* log, int level);

@@ -5,6 +5,9 @@
 #include <cstddef>
 #include <cstdint>
 
+// Flags of usock_ctx.http_flags.
+constexpr uint32_t RQFLAG_HTTP10_GET = 1;  // ask with HTTP/1.0: no chunked answer
+
 struct usock_ctx {
     bool inbound;       // data flows from the source to us
     bool non_blocking;

@@ -48,6 +48,8 @@ int open_source(mm_point& pt)
     VRX_ASSERT(pt.len >= TAILBUF_SIZE);
     g_ctx.uc.buf = reinterpret_cast<char*>(dest);
     g_ctx.uc.bufcap = pt.len;
+    if (g_cfg.use_http10_get)
+        g_ctx.uc.http_flags |= RQFLAG_HTTP10_GET;
 
     usock_set_apptag(g_app_name);
     g_ctx.ssock = usock_open(g_cfg.src_url, &g_ctx.uc);
@@ -191,6 +193,7 @@ int run_app()
             break;
         }
         count_tail(pt.len);
+        (void)config_reload_check();
         where = "#unknown#";
         rc = 0;
     }

@@ -4,10 +4,12 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <ctime>
 
 #include "config.h"
 #include "mmr.h"
+#include "tsanalyze.h"
 #include "vrtypes.h"
 #include "wopen.h"
 
@@ -59,6 +61,7 @@ struct ksti_cfg {
     char snap_dir[FILE_PATH_MAX];
     char snap_pfx[16];
     size_t report_tput_sec;
+    tsan_config tsa;
     uint64_t pkt_reset_idx;
     size_t reload_period;
     bool use_http10_get;
@@ -73,10 +76,19 @@ extern const char* const g_app_name;
 extern volatile sig_atomic_t g_snapshot;   // a snapshot was asked for
 extern volatile sig_atomic_t g_snapalarm;  // the tail's time is up
 
+// Where the configuration file is looked for, in this order.
+extern const char* const g_cfgloc[];
+extern const size_t g_cfgloc_count;
+
 // Options and settings.
 int init_ksti_config(ksti_cfg* cfg);
+int load_ksti_config(const char* path, ksti_cfg* cfg, bool reload);
+int config_reload_check();
+void dump_config(FILE* fp, const ksti_cfg* cfg);
 int setup_config(int argc, char* const argv[]);
 int get_tail_params(const char* param);
+int xtrack_opt(const char* optstr);
+int analyzer_opt(const char* optstr);
 [[noreturn]] void usage();
 
 // Snapshots.

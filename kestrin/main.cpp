@@ -47,13 +47,17 @@ int runtime_setup()
     int rc = 0;
     if (g_cfg.log.path[0] != '\0') {
         rc = open_log(&g_log, g_cfg.log.path, 0);
-        if (rc == 0)
+        if (rc == 0) {
+            apply_log_config(&g_log, &g_cfg.log);
             log_set_pid(&g_log, getpid());
+        }
     }
     if (rc == 0 && g_cfg.alert_log.path[0] != '\0') {
         rc = open_log(&g_access_log, g_cfg.alert_log.path, F_APPEND_OLD);
-        if (rc == 0)
+        if (rc == 0) {
+            apply_log_config(&g_access_log, &g_cfg.alert_log);
             log_set_pid(&g_access_log, getpid());
+        }
     }
 
     if (rc != 0) {
@@ -78,8 +82,11 @@ int main(int argc, char* argv[])
 
     int rc = runtime_setup();
     if (rc == 0) {
-        if (!g_cfg.rt.quiet && g_cfg.rt.non_daemon && g_cfg.log.path[0] != '\0')
+        dump_config(log_fp(&g_log), &g_cfg);
+        if (!g_cfg.rt.quiet && g_cfg.rt.non_daemon && g_cfg.log.path[0] != '\0') {
             log_mirror(&g_log, stderr);
+            dump_config(stderr, &g_cfg);
+        }
         LOG_AT(NORM_level, "%s STARTING. PID=%ld\n", get_app_info(g_app_name, nullptr), (long)getpid());
 
         rc = init_ksti_ctx();

@@ -1,9 +1,11 @@
-// Settings: built-in defaults, then the command line in two passes.
+// The command line, in two passes around the loading of the configuration file.
 #include <getopt.h>
 #include <unistd.h>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <strings.h>
 
 #include "kst.h"
 #include "log.h"
@@ -15,19 +17,24 @@ LOG_UNIT(LLMOD_DEFAULT);
 
 namespace {
 
-constexpr const char k_short_opts[] = "qTh?Vl:a:L:i:E:t:m:N:";
+constexpr const char k_short_opts[] = "qTh?VHl:a:L:i:E:t:m:C:S:k:A:N:";
 
 const option k_long_opts[] = {
     {"source", required_argument, nullptr, 'i'},
     {"cachesz", required_argument, nullptr, 'E'},
     {"tail", required_argument, nullptr, 't'},
     {"mcastif", required_argument, nullptr, 'm'},
+    {"srctag", required_argument, nullptr, 'S'},
+    {"track", required_argument, nullptr, 'k'},
+    {"analyze", required_argument, nullptr, 'A'},
     {"nid", required_argument, nullptr, 'N'},
     {"quiet", no_argument, nullptr, 'q'},
+    {"http10", no_argument, nullptr, 'H'},
     {"help", no_argument, nullptr, 'h'},
     {"options", no_argument, nullptr, '?'},
     {"version", no_argument, nullptr, 'V'},
     {"term", no_argument, nullptr, 'T'},
+    {"config", required_argument, nullptr, 'C'},
     {"logfile", required_argument, nullptr, 'l'},
     {"alertlog", required_argument, nullptr, 'a'},
     {"level", required_argument, nullptr, 'L'},
@@ -41,8 +48,9 @@ void copy_cut(char* dst, size_t size, const char* src)
     dst[size - 1] = '\0';
 }
 
-// What decides how the rest is loaded: the instance number, quiet, version, help.
-void first_pass(int argc, char* const argv[])
+// What decides how the rest is loaded: the instance number, the file, quiet,
+// version, help. Gives the path of -C, or the one it was handed.
+const char* first_pass(int argc, char* const argv[], const char* cfg_path)
 {
     int c;
     while ((c = getopt_long(argc, argv, k_short_opts, k_long_opts, nullptr)) != -1) {
@@ -52,6 +60,9 @@ void first_pass(int argc, char* const argv[])
             break;
         case 'q':
             g_cfg.rt.quiet = true;
+            break;
+        case 'C':
+            cfg_path = optarg;
             break;
         case 'V':
             fprintf(stderr, "%s\n", get_app_info(g_app_name, nullptr));
@@ -63,6 +74,7 @@ void first_pass(int argc, char* const argv[])
             break;
         }
     }
+    return cfg_path;
 }
 
 void set_log_path(char* dst, const char* arg, const char* what)
@@ -112,8 +124,22 @@ void second_pass(int argc, char* const argv[])
             if (get_tail_params(optarg) != 0)
                 exit(1);
             break;
+        case 'S':
+            copy_cut(g_cfg.tsa.source, sizeof(g_cfg.tsa.source), optarg);
+            break;
         case 'm':
             copy_cut(g_cfg.mcast_ifc, sizeof(g_cfg.mcast_ifc), optarg);
+            break;
+        case 'k':
+            if (xtrack_opt(optarg) != 0)
+                exit(1);
+            break;
+        case 'A':
+            if (analyzer_opt(optarg) != 0)
+                exit(1);
+            break;
+        case 'H':
+            g_cfg.use_http10_get = true;
             break;
         case 'T':
             g_cfg.rt.non_daemon = true;
@@ -137,6 +163,7 @@ void second_pass(int argc, char* const argv[])
             break;
         case 'N':
         case 'q':
+        case 'C':
             break;
         default:
             fprintf(stderr, "Unknown option: %c\n", c);
@@ -149,6 +176,10 @@ void validate(const char* argv0)
 {
     if (g_cfg.src_url[0] == '\0') {
         fprintf(stderr, "Source URL must be specified, run %s --help for options\n", argv0);
+        exit(1);
+    }
+    if (g_cfg.tsa.is_enabled && g_cfg.tsa.source[0] == '\0') {
+        fprintf(stderr, "Source tag (-S) must be specified, run %s --help for options\n", argv0);
         exit(1);
     }
     if (g_cfg.cache_sz_mb == 0 || g_cfg.tail_sz_mb == 0) {
@@ -172,26 +203,6 @@ void validate(const char* argv0)
 }
 
 }  // namespace
-
-int init_ksti_config(ksti_cfg* cfg)
-{
-    *cfg = ksti_cfg{};
-    cfg->log.level = INFO_level;
-    cfg->log.timefmt = 0;
-    cfg->log.enable_syslog = false;
-    cfg->log.max_size_mb = D_KST_MAX_LOGSZ;
-    cfg->log.max_files = D_KST_MAX_FILES;
-    cfg->min_read_bytes = D_MINREAD_BYTES;
-    cfg->cache_sz_mb = D_KST_CACHE_MB;
-    cfg->tail_sz_mb = D_KST_TAIL_MB;
-    cfg->tail_tm_ms = D_KST_TAIL_MS;
-    cfg->read_tmout_ms = D_KST_READ_TMOUT_MS;
-    cfg->lost_sync_alert = true;
-    strcpy(cfg->mcast_ifc, "all");
-    strcpy(cfg->snap_dir, "/tmp");
-    strcpy(cfg->snap_pfx, "snap");
-    return 0;
-}
 
 int get_tail_params(const char* param)
 {
@@ -222,6 +233,66 @@ int get_tail_params(const char* param)
     return 0;
 }
 
+int xtrack_opt(const char* optstr)
+{
+    tracking_opt& trk = g_cfg.tsa.trk;
+    trk = tracking_opt{};
+    if (strcasecmp(optstr, "all") == 0) {
+        trk = tracking_opt{true, true, true, true, true};
+        return 0;
+    }
+    // Plain substrings, case-sensitive; no separator is parsed and the rest is ignored.
+    trk.sdt_ignore = strstr(optstr, "sdt_i") != nullptr;
+    trk.pdts_update = strstr(optstr, "pdts_u") != nullptr;
+    trk.pcr_update = strstr(optstr, "pcr_u") != nullptr;
+    trk.pat_pmt_pkt = strstr(optstr, "pat_pmt") != nullptr;
+    trk.misc_ignore = strstr(optstr, "misc_i") != nullptr;
+    return 0;
+}
+
+int analyzer_opt(const char* optstr)
+{
+    char* copy = strdup(optstr);
+    if (copy == nullptr) {
+        const int err = errno;
+        LOG_AT(ERR_level, "%s: strdup() ERROR(%d): %s\n", "analyzer_opt", err, strerror(err));
+        return err;
+    }
+    int rc = 0;
+    if (strcasecmp(copy, "on") == 0 || strcasecmp(copy, "enable") == 0) {
+        g_cfg.tsa.is_enabled = true;
+    } else if (strcasecmp(copy, "off") == 0 || strcasecmp(copy, "disable") == 0) {
+        g_cfg.tsa.is_enabled = false;
+    } else if (char* eq = strchr(copy, '='); eq == nullptr) {
+        LOG_AT(ERR_level, "%s: invalid option string format: %s\n", "analyzer_opt", optstr);
+        rc = 22;
+    } else {
+        *eq = '\0';
+        const long value = atol(eq + 1);
+        if (value < 0) {
+            LOG_AT(ERR_level, "%s: invalid parameter value: %s/%ld\n", "analyzer_opt", optstr, value);
+            rc = 22;
+        } else {
+            static constexpr struct {
+                const char* key;
+                size_t tsan_config::*field;
+            } k_keys[] = {
+                {"skipped_pkts", &tsan_config::max_skip_pkts},
+                {"pdts_delta", &tsan_config::max_pdts_delta},
+                {"pcr_delta", &tsan_config::max_pcr_delta},
+                {"pcr_freq", &tsan_config::pcr_freq_ms},
+            };
+            // An unknown key changes nothing and is not refused.
+            for (const auto& k : k_keys)
+                if (strcmp(copy, k.key) == 0)
+                    g_cfg.tsa.*k.field = (size_t)value;
+            LOG_AT(DEBUG_level, "%s: %s=%ld OK\n", "analyzer_opt", copy, value);
+        }
+    }
+    free(copy);
+    return rc;
+}
+
 int setup_config(int argc, char* const argv[])
 {
     glog_init(g_app_name);
@@ -235,7 +306,14 @@ int setup_config(int argc, char* const argv[])
     memcpy(group.sym8, "KSTI", 4);
     log_set_group(&g_log, group.num64);
 
-    first_pass(argc, argv);
+    const char* cfg_path = first_pass(argc, argv, pick_first_file(g_cfgloc, g_cfgloc_count));
+    // No configuration file at all is no error: the defaults stand and nothing is reloaded.
+    if (cfg_path != nullptr) {
+        LOG_AT(DEBUG_level, "Using config at [%s]\n", cfg_path);
+        if (load_ksti_config(cfg_path, &g_cfg, false) != 0)
+            exit(1);
+        (void)chk_file_updated(g_cfg.config_path, &g_ctx.config_mtime);
+    }
     reset_getopt_state();
     log_timefmt(&g_log, (uint32_t)g_cfg.log.timefmt);
 
