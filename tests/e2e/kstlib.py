@@ -119,12 +119,12 @@ class KstTestCase(unittest.TestCase):
     def path(self, name):
         return os.path.join(self.dir, name)
 
-    def start_kst(self, args, env=None):
+    def start_kst(self, args, env=None, cwd=None):
         full_env = dict(os.environ)
         if env:
             full_env.update(env)
         p = subprocess.Popen([KST] + args, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                             text=True, errors="replace", env=full_env)
+                             text=True, errors="replace", env=full_env, cwd=cwd)
         self.procs.append(p)
         return p
 
