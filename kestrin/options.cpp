@@ -250,6 +250,52 @@ int xtrack_opt(const char* optstr)
     return 0;
 }
 
+namespace {
+
+// The limits that -A key=value may set.
+struct analyzer_key {
+    const char* key;
+    size_t tsan_config::*field;
+};
+constexpr analyzer_key k_analyzer_keys[] = {
+    {"skipped_pkts", &tsan_config::max_skip_pkts},
+    {"pdts_delta", &tsan_config::max_pdts_delta},
+    {"pcr_delta", &tsan_config::max_pcr_delta},
+    {"pcr_freq", &tsan_config::pcr_freq_ms},
+};
+
+// A switch word, or key=value with its value set; false with the reason logged.
+bool apply_analyzer_opt(char* copy, const char* optstr, long* shown)
+{
+    *shown = 0;
+    if (strcasecmp(copy, "on") == 0 || strcasecmp(copy, "enable") == 0) {
+        g_cfg.tsa.is_enabled = true;
+        return true;
+    }
+    if (strcasecmp(copy, "off") == 0 || strcasecmp(copy, "disable") == 0) {
+        g_cfg.tsa.is_enabled = false;
+        return true;
+    }
+    char* eq = strchr(copy, '=');
+    if (eq == nullptr) {
+        LOG_AT(ERR_level, "%s: invalid option string format: %s\n", "analyzer_opt", optstr);
+        return false;
+    }
+    *eq = '\0';
+    *shown = atol(eq + 1);
+    if (*shown < 0) {
+        LOG_AT(ERR_level, "%s: invalid parameter value: %s/%ld\n", "analyzer_opt", optstr, *shown);
+        return false;
+    }
+    // An unknown key changes nothing and is not refused.
+    for (const auto& k : k_analyzer_keys)
+        if (strcmp(copy, k.key) == 0)
+            g_cfg.tsa.*k.field = (size_t)*shown;
+    return true;
+}
+
+}  // namespace
+
 int analyzer_opt(const char* optstr)
 {
     char* copy = strdup(optstr);
@@ -258,39 +304,12 @@ int analyzer_opt(const char* optstr)
         LOG_AT(ERR_level, "%s: strdup() ERROR(%d): %s\n", "analyzer_opt", err, strerror(err));
         return err;
     }
-    int rc = 0;
-    if (strcasecmp(copy, "on") == 0 || strcasecmp(copy, "enable") == 0) {
-        g_cfg.tsa.is_enabled = true;
-    } else if (strcasecmp(copy, "off") == 0 || strcasecmp(copy, "disable") == 0) {
-        g_cfg.tsa.is_enabled = false;
-    } else if (char* eq = strchr(copy, '='); eq == nullptr) {
-        LOG_AT(ERR_level, "%s: invalid option string format: %s\n", "analyzer_opt", optstr);
-        rc = 22;
-    } else {
-        *eq = '\0';
-        const long value = atol(eq + 1);
-        if (value < 0) {
-            LOG_AT(ERR_level, "%s: invalid parameter value: %s/%ld\n", "analyzer_opt", optstr, value);
-            rc = 22;
-        } else {
-            static constexpr struct {
-                const char* key;
-                size_t tsan_config::*field;
-            } k_keys[] = {
-                {"skipped_pkts", &tsan_config::max_skip_pkts},
-                {"pdts_delta", &tsan_config::max_pdts_delta},
-                {"pcr_delta", &tsan_config::max_pcr_delta},
-                {"pcr_freq", &tsan_config::pcr_freq_ms},
-            };
-            // An unknown key changes nothing and is not refused.
-            for (const auto& k : k_keys)
-                if (strcmp(copy, k.key) == 0)
-                    g_cfg.tsa.*k.field = (size_t)value;
-            LOG_AT(DEBUG_level, "%s: %s=%ld OK\n", "analyzer_opt", copy, value);
-        }
-    }
+    long shown = 0;
+    const bool ok = apply_analyzer_opt(copy, optstr, &shown);
+    if (ok)
+        LOG_AT(DEBUG_level, "%s: %s=%ld OK\n", "analyzer_opt", copy, shown);
     free(copy);
-    return rc;
+    return ok ? 0 : 22;
 }
 
 int setup_config(int argc, char* const argv[])

@@ -51,7 +51,7 @@ int load_log_section(const char* path, log_cfg* dst, unsigned instance)
         return 1;
     const int rc = load_log_config(s, dst);
     if (rc == 0)
-        (void)replace_ul_macro(dst->path, FILE_PATH_MAX - 1, "{N}", instance);
+        (void)replace_ul_macro(dst->path, FILE_PATH_MAX, "{N}", instance);
     return rc;
 }
 

@@ -24,33 +24,6 @@ class ConfigSearchTest(KstTestCase):
     def run_in(self, cwd, args, timeout=30):
         return run_kst(args, timeout=timeout, cwd=cwd)
 
-    def test_a_file_in_the_working_directory_is_found(self):
-        log = self.path("found.log")
-        with open(self.path("kst.conf"), "w") as f:
-            f.write(conf_text(log, self.dir))
-        r = self.run_in(self.dir, ["-T", "-i", "file:///nonexistent.ts"])
-        self.assertEqual(r.returncode, 1)
-        self.assertIn("(DBG)  KSTI  Using config at [./kst.conf]", r.stderr)
-        # The file's log, not stderr, got the run.
-        self.assertIn("STARTING", read_text(log))
-
-    def test_the_config_option_wins_over_the_search_and_the_last_one_counts(self):
-        with open(self.path("kst.conf"), "w") as f:
-            f.write("this is not a configuration file\n")
-        other = self.path("other.conf")
-        with open(other, "w") as f:
-            f.write(conf_text(self.path("other.log"), self.dir))
-        r = self.run_in(self.dir, ["-T", "-C", "./kst.conf", "--config", other, "-i", "file:///nonexistent.ts"])
-        self.assertEqual(r.returncode, 1, r.stderr)
-        self.assertIn(f"(DBG)  KSTI  Using config at [{other}]", r.stderr)
-        self.assertIn("STARTING", read_text(self.path("other.log")))
-
-    def test_no_file_at_all_is_no_error(self):
-        r = self.run_in(self.dir, ["-T", "-i", "file:///nonexistent.ts"])
-        self.assertNotIn("Using config at", r.stderr)
-        self.assertIn("\tTail           = 2/1000 Mb/ms\n", r.stderr)
-        self.assertIn("\tMulticast ifc  = all\n", r.stderr)
-
     def test_a_missing_config_file_is_refused(self):
         missing = self.path("missing.conf")
         r = self.run_in(self.dir, ["-T", "-C", missing, "-l", self.path("x.log"), "-i", "file:///x.ts"])
@@ -116,16 +89,6 @@ class ConfigSearchTest(KstTestCase):
         self.assertEqual(r.returncode, 1)
         self.assertTrue(r.stderr.endswith(
             f"Cache and tail sizes must be specified, run {KST} --help for options\n"), r.stderr)
-
-    def test_the_files_quiet_overrides_the_option(self):
-        log = self.path("q.log")
-        conf = self.path("q.conf")
-        with open(conf, "w") as f:
-            f.write(f'kst = {{ log = {{ file = "{log}"; }}; runtime = {{ quiet = false; }}; }};\n')
-        r = self.run_in(self.dir, ["-T", "-q", "-C", conf, "-i", "file:///nonexistent.ts"])
-        # Not quiet after all: the report and the log lines are mirrored on stderr.
-        self.assertIn("-----------------------------------\nInstance: 0\n", r.stderr)
-        self.assertIn("STARTING", r.stderr)
 
     def in_private_mounts(self, script):
         """Runs a shell script in a mount namespace of its own, so that it can
