@@ -149,7 +149,7 @@ int load_config_setting_size(const config_setting_t* setting, const char* path, 
         return 0;
     }
     char text[32];
-    const int rc = load_config_setting_str(setting, path, text, sizeof(text), nullptr);
+    const int rc = load_config_setting_str(setting, path, text, sizeof(text) - 1, nullptr);
     if (rc != 0)
         return rc;
     if (text[0] == '\0') {
