@@ -35,3 +35,24 @@ struct sf_hdtr_t {
 // non-blocking send that moved only part reads -1, EAGAIN, *sbytes > 0.
 int plat_sendfile(int in_fd, int out_fd, off_t offset, size_t count, sf_hdtr_t* hdtr, off_t* sbytes,
                   int flags);
+
+// Sockets and multicast.
+#include <sys/time.h>
+#include <cstdint>
+
+// What every new socket of the family gets right after it is made, so that
+// sockets start out alike on every platform: an IPv6 socket serves IPv6
+// only. 0, or -1 with errno.
+int plat_sock_defaults(int fd, int family);
+
+// Options of a socket that receives a multicast group: it gets the groups
+// it joined itself and no other. 0, or -1 with errno.
+int plat_mcast_reader_opts(int fd, int family);
+
+// The scope id a link- or interface-local group gets from the interface
+// named ifc_name, given the one found with the interface's address (0 when
+// that address had none).
+uint32_t plat_ipv6_scope_id(uint32_t found, const char* ifc_name);
+
+// Makes a negative socket time-out one that setsockopt refuses with EDOM.
+void plat_sock_timeout_value(timeval* tv);

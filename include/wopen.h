@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
-// Flags of usock_ctx.http_flags.
-constexpr uint32_t RQFLAG_HTTP10_GET = 1;  // ask with HTTP/1.0: no chunked answer
+#include "netops.h"
+#include "webops.h"
 
 struct usock_ctx {
     bool inbound;       // data flows from the source to us
@@ -18,7 +18,9 @@ struct usock_ctx {
     const char* ifc_tag;  // multicast interface tag, borrowed
     int timeout_ms;       // 0: none
     int url_kind;
+    socket_spec sspec;    // request to, and result of, open_socket
     char* url_path;       // heap copy of the URL's path, owned by the handle
+    ifc_info* mifc;       // interface of a multicast socket, owned by the handle
     char* buf;            // where bytes that arrive behind a protocol head are left
     size_t bufcap;
     size_t buflen;

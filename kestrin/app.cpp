@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "kst.h"
+#include "netops.h"
 #include "log.h"
 #include "syswrap.h"
 #include "uri.h"
@@ -131,6 +132,11 @@ int run_app()
     const bool pkt_mode = (g_ctx.mode.num == SM_PKT.num);
 
     LOG_AT(NORM_level, "Reading (%s) from fd%d [%s]\n", g_ctx.mode.sym, g_ctx.ssock, g_cfg.src_url);
+    // Set on every source, also with no time-out: a source that is no socket stops here.
+    if (set_rcv_timeout(g_ctx.ssock, g_cfg.read_tmout_ms) != 0) {
+        LOG_AT(ERR_level, "%s: stopped reading due to error in [%s], rc=%d\n", "run_app", "set_rcv_timeout", -1);
+        return -1;
+    }
     mmr_set_verbosity(0);
 
     // Fixed for the run: the ring always keeps this much vacant for the next read.

@@ -46,3 +46,35 @@ int plat_sendfile(int in_fd, int out_fd, off_t offset, size_t count, sf_hdtr_t* 
     return sendfile(in_fd, out_fd, offset, count, reinterpret_cast<struct sf_hdtr*>(hdtr), sbytes,
                     flags);
 }
+
+// Sockets and multicast.
+#include <sys/time.h>
+#include <netinet/in.h>
+
+// IPV6_V6ONLY is on by default here: nothing to set.
+int plat_sock_defaults(int fd, int family)
+{
+    (void)fd;
+    (void)family;
+    return 0;
+}
+
+// A socket gets only the groups it joined itself: nothing to set.
+int plat_mcast_reader_opts(int fd, int family)
+{
+    (void)fd;
+    (void)family;
+    return 0;
+}
+
+uint32_t plat_ipv6_scope_id(uint32_t found, const char* ifc_name)
+{
+    (void)ifc_name;
+    return found;
+}
+
+// A negative time-out is refused with EDOM by the system itself.
+void plat_sock_timeout_value(timeval* tv)
+{
+    (void)tv;
+}

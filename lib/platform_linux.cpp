@@ -113,3 +113,50 @@ int plat_sendfile(int in_fd, int out_fd, off_t offset, size_t count, sf_hdtr_t* 
         *sbytes = sent;
     return rc;
 }
+
+// Sockets and multicast.
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+// IPV6_V6ONLY is off by default here and on at the target: turned on first
+// thing, a listener's switch to dual stack behaves and logs alike on both.
+int plat_sock_defaults(int fd, int family)
+{
+    if (family != AF_INET6)
+        return 0;
+    const int on = 1;
+    return setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof(on));
+}
+
+// IP_MULTICAST_ALL and IPV6_MULTICAST_ALL are on by default: a socket bound
+// to group:port would get that group from every interface that any socket of
+// the host joined it on. Off, it gets only its own memberships.
+int plat_mcast_reader_opts(int fd, int family)
+{
+    const int off = 0;
+    if (family == AF_INET)
+        return setsockopt(fd, IPPROTO_IP, IP_MULTICAST_ALL, &off, sizeof(off));
+    if (family == AF_INET6)
+        return setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_ALL, &off, sizeof(off));
+    return 0;
+}
+
+// getifaddrs lists an interface's global (or loopback) IPv6 address before
+// its link-local one, so the address found mostly has no scope id; binding a
+// link-local group needs one, and the interface index is that id.
+uint32_t plat_ipv6_scope_id(uint32_t found, const char* ifc_name)
+{
+    if (found != 0 || ifc_name == nullptr || ifc_name[0] == '\0')
+        return found;
+    return if_nametoindex(ifc_name);
+}
+
+// SO_RCVTIMEO and SO_SNDTIMEO with a negative whole-second part are taken
+// here as no time-out at all; a negative fraction is refused with EDOM, as
+// the target refuses every negative time-out.
+void plat_sock_timeout_value(timeval* tv)
+{
+    if (tv->tv_sec < 0 && tv->tv_usec == 0)
+        tv->tv_usec = -1;
+}

@@ -3,8 +3,10 @@ real streams with ffmpeg, wait for things with a deadline."""
 import os
 import shutil
 import signal
+import socket
 import subprocess
 import tempfile
+import threading
 import time
 import unittest
 
@@ -101,6 +103,55 @@ def run_kst(args, timeout=30, env=None, cwd=None):
                           timeout=timeout, env=full_env, cwd=cwd)
 
 
+class TcpFeed:
+    """A loopback TCP server for one connection: kst connects to it as to a
+    live source, and the test writes the stream into the accepted socket."""
+
+    def __init__(self, timeout=10.0):
+        self.srv = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        self.srv.bind(("127.0.0.1", 0))
+        self.srv.listen(1)
+        self.srv.settimeout(timeout)
+        self.url = f"tcp://127.0.0.1:{self.srv.getsockname()[1]}"
+
+    def accept(self):
+        """The connected descriptor, blocking, owned by the caller; None when
+        nobody connected in time."""
+        try:
+            conn, _ = self.srv.accept()
+        except OSError:
+            return None
+        finally:
+            self.srv.close()
+        conn.setblocking(True)
+        return conn.detach()
+
+
+def run_kst_on(data, args, timeout=60, env=None, cwd=None):
+    """Runs kst on a TCP source that sends data and then closes."""
+    feed = TcpFeed()
+
+    def serve():
+        fd = feed.accept()
+        if fd is None:
+            return
+        try:
+            view = memoryview(data)
+            while view:
+                view = view[os.write(fd, view):]
+        except OSError:
+            pass  # kst stopped reading
+        finally:
+            os.close(fd)
+
+    t = threading.Thread(target=serve, daemon=True)
+    t.start()
+    r = run_kst(args + ["-i", feed.url], timeout=timeout, env=env, cwd=cwd)
+    t.join(timeout=timeout)
+    r.url = feed.url
+    return r
+
+
 class KstTestCase(unittest.TestCase):
     def setUp(self):
         self.dir = tempfile.mkdtemp(prefix="kst-e2e-")
@@ -128,17 +179,15 @@ class KstTestCase(unittest.TestCase):
         self.procs.append(p)
         return p
 
-    def start_on_fifo(self, extra=(), name="live"):
-        """kst reading a FIFO given as file://, which blocks in read like a
-        live source. Returns the process, the blocking writing end and the
-        log file, once kst is in its capture loop."""
-        fifo = self.path(name + ".fifo")
-        os.mkfifo(fifo)
+    def start_live(self, extra=(), name="live", quiet=True):
+        """kst reading a live TCP source on loopback. Returns the process, the
+        blocking writing end (a descriptor: os.write it, os.close it for the
+        end of the stream) and the log file, once kst is in its capture loop."""
+        feed = TcpFeed()
         log = self.path(name + ".log")
-        p = self.start_kst(["-T", "-q", "-l", log] + list(extra) + ["-i", "file://" + fifo])
-        w = wait_for(lambda: try_open_writer(fifo), timeout=10)
-        self.assertIsNotNone(w, "kst never opened the FIFO")
-        os.set_blocking(w, True)
+        p = self.start_kst(["-T"] + (["-q"] if quiet else []) + ["-l", log] + list(extra) + ["-i", feed.url])
+        w = feed.accept()
+        self.assertIsNotNone(w, "kst never connected")
         self.awaitLog(log, "Reading (STM)")
         return p, w, log
 
@@ -147,7 +196,7 @@ class KstTestCase(unittest.TestCase):
         self.assertTrue(wait_for(lambda: text in read_text(log), timeout=timeout),
                         f"log never showed: {text}")
 
-    def stop_fifo(self, p, w):
+    def stop_live(self, p, w):
         """A clean stop by SIGTERM (exit code 0), then the writer closed."""
         p.send_signal(signal.SIGTERM)
         self.assertEqual(p.wait(timeout=10), 0)

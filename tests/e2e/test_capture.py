@@ -1,11 +1,13 @@
 """The capture spine end to end: a source read straight into the ring in
 shared memory, the ways out, and what each leaves behind."""
+import errno
 import os
 import signal
+import socket
 import unittest
 
-from kstlib import (KstTestCase, make_ts, messages, read_text, repeated_ts, run_kst, shm_name,
-                    try_open_writer, wait_for)
+from kstlib import (KstTestCase, make_ts, messages, read_text, repeated_ts, run_kst,
+                    run_kst_on, shm_name, wait_for)
 
 
 class EntryTest(KstTestCase):
@@ -30,13 +32,17 @@ class EntryTest(KstTestCase):
         self.assertRegex(r.stderr, r"^Source URL must be specified, run \S*kst --help for options\n$")
 
 
-class FileSourceTest(KstTestCase):
+class StreamToItsEndTest(KstTestCase):
+    """A TCP source that sends a stream and closes: the end of the stream
+    ends the run."""
+
     def test_a_real_stream_is_read_to_its_end(self):
         ts = make_ts(self.path("a.ts"), seconds=2)
-        r = run_kst(["-T", "-i", "file://" + ts])
+        with open(ts, "rb") as f:
+            r = run_kst_on(f.read(), ["-T"])
         msgs = messages(r.stderr)
-        self.assertIn(f"(NRM) Reading (STM) from fd4 [file://{ts}]", msgs)
-        # The end of a file takes the road of a failure, with errno as it stands.
+        self.assertIn(f"(NRM) Reading (STM) from fd4 [{r.url}]", msgs)
+        # The end of a stream takes the road of a failure, with errno as it stands.
         stops = [m for m in msgs if m.startswith("(ERR) run_app: stopped reading due to error in [recv/Read_f], rc=")]
         self.assertEqual(len(stops), 1, r.stderr)
         rc = int(stops[0].rsplit("=", 1)[1])
@@ -48,24 +54,17 @@ class FileSourceTest(KstTestCase):
         self.assertRegex(r.stderr.splitlines()[0], r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \S+ \d+  \(INF\)  KSTI  Runtime pid=\d+ uid/gid = \d+/\d+ running in \[\]$")
 
     def test_data_that_is_not_a_stream_is_refused_at_the_first_chunk(self):
-        junk = self.path("junk.bin")
-        with open(junk, "wb") as f:
-            f.write(bytes((i * 37 + 1) % 71 for i in range(5000)))
-        r = run_kst(["-T", "-i", "file://" + junk])
+        junk = bytes((i * 37 + 1) % 71 for i in range(5000))
+        r = run_kst_on(junk, ["-T"])
         msgs = messages(r.stderr)
         self.assertIn("(ERR) mmr_iput_ex: no header (buflen=5000); non-TS/RTP stream?", msgs)
         self.assertIn("(ERR) run_app: stopped reading due to error in [mmr_iput], rc=-14", msgs)
         self.assertEqual(r.returncode, 14)
         self.assertNoShmLeftBy(r.stderr)
 
-    def test_a_file_larger_than_the_ring_is_read_to_its_end(self):
-        ts = make_ts(self.path("one.ts"), seconds=2, size="640x360")
-        with open(ts, "rb") as f:
-            one = f.read()
-        big = self.path("big.ts")
-        with open(big, "wb") as f:
-            f.write(one * (1 + (3 << 20) // len(one)))
-        r = run_kst(["-T", "-E", "1", "-i", "file://" + big])
+    def test_a_stream_larger_than_the_ring_is_read_to_its_end(self):
+        stream = repeated_ts(self.path("one.ts"), 3, size="640x360")
+        r = run_kst_on(stream, ["-T", "-E", "1"])
         msgs = messages(r.stderr)
         self.assertIn("(INF) mmr_iput_ex: TS stream detected", msgs)
         self.assertFalse(any("not enough space" in m or "mmr_cap" in m for m in msgs), r.stderr)
@@ -76,15 +75,16 @@ class FileSourceTest(KstTestCase):
         ts = make_ts(self.path("j.ts"), seconds=1)
         with open(ts, "rb") as f:
             data = f.read()
-        junked = self.path("junked.ts")
-        with open(junked, "wb") as f:
-            f.write(b"\x01\x02\x03\x04\x05" + data)
-        n = len(data) + 5
-        r = run_kst(["-T", "-i", "file://" + junked])
+        r = run_kst_on(b"\x01\x02\x03\x04\x05" + data, ["-T"])
         msgs = messages(r.stderr)
-        self.assertIn(f"(WRN) mmr_iput_ex: UNALIGNED data: TS starts at byte 5, orig/adj_len: {n}/{n - 5} bytes", msgs)
+        warn = [m for m in msgs if m.startswith("(WRN) mmr_iput_ex: UNALIGNED data: TS starts at byte 5, orig/adj_len: ")]
+        self.assertEqual(len(warn), 1, r.stderr)
+        orig, adj = (int(n) for n in warn[0].rsplit(": ", 1)[1].split(" ")[0].split("/"))
+        self.assertEqual(orig - adj, 5)
         self.assertIn("(INF) mmr_iput_ex: TS stream detected", msgs)
 
+
+class FileSourceTest(KstTestCase):
     def test_missing_file_logs_the_open_and_exits_1(self):
         r = run_kst(["-T", "-i", "file:///nonexistent-dir/none.ts"])
         msgs = messages(r.stderr)
@@ -96,15 +96,29 @@ class FileSourceTest(KstTestCase):
     def test_relative_file_url_is_relative_to_the_working_directory(self):
         with open(self.path("rel.ts"), "wb") as f:
             f.write(b"\x47" + bytes(187))
-        r = run_kst(["-T", "-i", "file://rel.ts"], cwd=self.dir)
-        self.assertIn("(NRM) Reading (STM) from fd4 [file://rel.ts]", messages(r.stderr))
-
-    def test_a_directory_as_source_fails_at_the_read(self):
-        r = run_kst(["-T", "-i", "file://" + self.dir])
+        r = run_kst(["-T", "-L", "debug", "-i", "file://rel.ts"], cwd=self.dir)
         msgs = messages(r.stderr)
-        self.assertTrue(any(m.startswith("(ERR) run_app: read(4, 0x") and m.endswith(", 8388608) ERROR(21): Is a directory") for m in msgs), r.stderr)
-        self.assertIn("(ERR) run_app: stopped reading due to error in [recv/Read_f], rc=21", msgs)
-        self.assertEqual(r.returncode, 21)
+        self.assertIn("(DBG) usock_open: fd4 FILE [rel.ts]", msgs)
+        self.assertIn("(NRM) Reading (STM) from fd4 [file://rel.ts]", msgs)
+
+    def test_a_plain_file_stops_at_the_receive_time_out(self):
+        # The time-out is set on every source, and a file is no socket.
+        ts = make_ts(self.path("f.ts"), seconds=1)
+        r = run_kst(["-T", "-i", "file://" + ts])
+        msgs = messages(r.stderr)
+        i = msgs.index(f"(NRM) Reading (STM) from fd4 [file://{ts}]")
+        self.assertRegex(msgs[i + 1], r"^\(ERR\) set_socket_timeout: setsockopt\(4, %d, %d, 0x[0-9a-f]+, 16\) "
+                         r"ERROR\(%d\): %s$" % (socket.SOL_SOCKET, socket.SO_RCVTIMEO, errno.ENOTSOCK,
+                                                os.strerror(errno.ENOTSOCK)))
+        self.assertEqual(msgs[i + 2], "(ERR) run_app: stopped reading due to error in [set_rcv_timeout], rc=-1")
+        self.assertFalse(any("TS stream detected" in m for m in msgs), r.stderr)
+        self.assertEqual(r.returncode, 1)
+        self.assertNoShmLeftBy(r.stderr)
+
+    def test_a_directory_as_source_stops_there_too(self):
+        r = run_kst(["-T", "-i", "file://" + self.dir])
+        self.assertIn("(ERR) run_app: stopped reading due to error in [set_rcv_timeout], rc=-1", messages(r.stderr))
+        self.assertEqual(r.returncode, 1)
         self.assertNoShmLeftBy(r.stderr)
 
     def test_unknown_scheme_is_refused(self):
@@ -123,14 +137,14 @@ class FileSourceTest(KstTestCase):
             self.assertNotIn("CLOSED(", off.stderr, value)
 
 
-class FifoSourceTest(KstTestCase):
-    """A FIFO given as file:// blocks in read, like a live source."""
+class LiveSourceTest(KstTestCase):
+    """A TCP source that stays open blocks kst in its read, like any live source."""
 
     def test_bytes_go_straight_into_the_shared_ring(self):
         ts = make_ts(self.path("a.ts"), seconds=1)
         with open(ts, "rb") as f:
             data = f.read()
-        p, w, log = self.start_on_fifo()
+        p, w, log = self.start_live()
         os.write(w, data)
         shm = shm_name(p.pid)
 
@@ -138,12 +152,12 @@ class FifoSourceTest(KstTestCase):
             with open(shm, "rb") as f:
                 return f.read(len(data)) == data
         self.assertTrue(wait_for(ring_has_it, timeout=10), "ring does not hold the stream's bytes")
-        self.stop_fifo(p, w)
+        self.stop_live(p, w)
         self.assertFalse(os.path.exists(shm))
 
     def test_a_small_ring_wraps_many_times_and_holds_the_newest_bytes(self):
         stream = repeated_ts(self.path("w.ts"), 5)
-        p, w, log = self.start_on_fifo(["-E", "1"])
+        p, w, log = self.start_live(["-E", "1"])
         os.write(w, stream)
         shm = shm_name(p.pid)
         ring = 1 << 20
@@ -159,12 +173,12 @@ class FifoSourceTest(KstTestCase):
             return obj[cut:] + obj[:cut] == want
         self.assertTrue(wait_for(newest_held, timeout=20), "ring does not hold the newest bytes")
         self.assertIsNone(p.poll(), "capture stopped")
-        self.stop_fifo(p, w)
+        self.stop_live(p, w)
         self.assertNotIn("(ERR)", read_text(log))
         self.assertFalse(os.path.exists(shm))
 
     def quit_during_blocking_read(self, sig):
-        p, w, log = self.start_on_fifo()
+        p, w, log = self.start_live()
         shm = shm_name(p.pid)
         self.assertTrue(os.path.exists(shm))
         p.send_signal(sig)
@@ -190,13 +204,7 @@ class FifoSourceTest(KstTestCase):
         self.quit_during_blocking_read(signal.SIGQUIT)
 
     def test_log_file_is_mirrored_on_the_console_unless_quiet(self):
-        fifo = self.path("m.fifo")
-        os.mkfifo(fifo)
-        log = self.path("m.log")
-        p = self.start_kst(["-T", "-l", log, "-i", "file://" + fifo])
-        w = wait_for(lambda: try_open_writer(fifo), timeout=10)
-        self.assertIsNotNone(w)
-        self.awaitLog(log, "Reading (STM)")
+        p, w, log = self.start_live(name="m", quiet=False)
         os.close(w)  # end of stream
         p.wait(timeout=10)
         console = p.stderr.read()

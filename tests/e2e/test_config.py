@@ -8,7 +8,7 @@ import subprocess
 import time
 import unittest
 
-from kstlib import (KST, KstTestCase, make_ts, messages, read_text, run_kst, try_open_writer,
+from kstlib import (KST, KstTestCase, TcpFeed, make_ts, messages, read_text, run_kst,
                     wait_for)
 
 
@@ -129,7 +129,7 @@ class ConfigSearchTest(KstTestCase):
 
 
 class ReloadTest(KstTestCase):
-    """A reload while a live stream is being captured through a FIFO."""
+    """A reload while a live stream is being captured from a live TCP source."""
 
     def setUp(self):
         super().setUp()
@@ -138,12 +138,10 @@ class ReloadTest(KstTestCase):
         self.write_conf("  cache = { tail_size_mb = 2; tail_duration_ms = 60000; };\n")
         with open(make_ts(self.path("one.ts"), seconds=1), "rb") as f:
             self.chunk = f.read(188 * 100)
-        fifo = self.path("live.fifo")
-        os.mkfifo(fifo)
-        self.p = self.start_kst(["-T", "-C", self.conf, "-i", "file://" + fifo])
-        self.w = wait_for(lambda: try_open_writer(fifo), timeout=10)
-        self.assertIsNotNone(self.w, "kst never opened the FIFO")
-        os.set_blocking(self.w, True)
+        feed = TcpFeed()
+        self.p = self.start_kst(["-T", "-C", self.conf, "-i", feed.url])
+        self.w = feed.accept()
+        self.assertIsNotNone(self.w, "kst never connected")
         self.awaitLog(self.log, "Reading (STM)")
 
     def tearDown(self):
@@ -177,7 +175,7 @@ class ReloadTest(KstTestCase):
         self.assertTrue(wait_for(lambda: glob.glob(f"{self.dir}/snap{self.p.pid}-p*-N.ts"), timeout=10),
                         read_text(self.log))
         self.assertEqual(self.count("failed to reload config"), 0)
-        self.stop_fifo(self.p, self.w)
+        self.stop_live(self.p, self.w)
 
     def test_a_broken_file_keeps_the_old_settings_and_waits_until_it_is_touched(self):
         time.sleep(1.1)
@@ -215,7 +213,7 @@ class ReloadTest(KstTestCase):
         self.awaitLog(self.log, "run_app: tail size (")
         self.assertTrue(wait_for(lambda: glob.glob(f"{self.dir}/snap{self.p.pid}-p*-B.ts"), timeout=10))
         self.assertEqual(self.count("older version retained"), 1)
-        self.stop_fifo(self.p, self.w)
+        self.stop_live(self.p, self.w)
 
     def test_a_file_that_vanishes_is_told_at_each_read_and_its_return_is_a_reload(self):
         time.sleep(1.1)
@@ -231,7 +229,7 @@ class ReloadTest(KstTestCase):
         os.rename(self.conf + ".away", self.conf)
         self.feed_until(f"[{self.conf}] updated, re-loading config")
         self.assertEqual(self.count("failed to reload config"), 0)
-        self.stop_fifo(self.p, self.w)
+        self.stop_live(self.p, self.w)
 
 
 if __name__ == "__main__":

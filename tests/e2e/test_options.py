@@ -10,7 +10,7 @@ import signal
 import subprocess
 import unittest
 
-from kstlib import (KST, KstTestCase, messages, read_text, run_kst, try_open_writer, wait_for)
+from kstlib import (KST, KstTestCase, TcpFeed, messages, read_text, run_kst, try_open_writer, wait_for)
 
 SRC = "file:///dev/null"
 
@@ -570,15 +570,13 @@ class ForegroundTest(OptionsTestCase):
         group = grp.getgrgid(user.pw_gid).gr_name
         os.chmod(self.dir, 0o777)
         self.write_conf(conf_text(log_file="fg.log", runtime="non_daemon = false;"))
-        fifo = self.path("fg.fifo")
-        os.mkfifo(fifo)
-        os.chmod(fifo, 0o666)
+        feed = TcpFeed()
         log = self.path("fg.log")
-        p = self.popen_here(["-i", "file://" + fifo],
+        p = self.popen_here(["-i", feed.url],
                             cmd_prefix=["setpriv", f"--reuid={user.pw_uid}", f"--regid={user.pw_gid}",
                                         "--clear-groups"])
-        w = wait_for(lambda: try_open_writer(fifo), timeout=10)
-        self.assertIsNotNone(w, "kst never opened the FIFO")
+        w = feed.accept()
+        self.assertIsNotNone(w, "kst never connected")
         try:
             self.awaitLog(log, "Reading (STM)")
             # A daemon's parent would be gone by now; this process holds the source.

@@ -52,7 +52,7 @@ class RtpFromFfmpegTest(KstTestCase):
         one = b"".join(full)
         stream = one * (1 + (3 << 20) // len(one))
 
-        p, w, log = self.start_on_fifo(["-L", "debug", "-E", "1", "-t", "682:200"], name="rtp")
+        p, w, log = self.start_live(["-L", "debug", "-E", "1", "-t", "682:200"], name="rtp")
         os.write(w, stream)
         time.sleep(0.3)
         p.send_signal(signal.SIGUSR2)
@@ -60,7 +60,7 @@ class RtpFromFfmpegTest(KstTestCase):
         extra = full[0]
         os.write(w, extra)
         self.awaitLog(log, "take_snapshot: write")
-        self.stop_fifo(p, w)
+        self.stop_live(p, w)
 
         msgs = messages(read_text(log))
         self.assertIn("(INF) mmr_iput_ex: RTP stream detected", msgs)

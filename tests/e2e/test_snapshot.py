@@ -30,7 +30,7 @@ class SnapshotTest(KstTestCase):
         super().tearDown()
 
     def start(self, tail, ring_mb=1):
-        p, w, self.log = self.start_on_fifo(["-L", "debug", "-E", str(ring_mb), "-t", tail])
+        p, w, self.log = self.start_live(["-L", "debug", "-E", str(ring_mb), "-t", tail])
         self.p, self.w = p, w
         return p, w
 
@@ -42,7 +42,7 @@ class SnapshotTest(KstTestCase):
         return files
 
     def stop(self):
-        self.stop_fifo(self.p, self.w)
+        self.stop_live(self.p, self.w)
 
     def stream(self, megabytes):
         return repeated_ts(self.path("one.ts"), megabytes)
