@@ -258,12 +258,13 @@ class HttpServer:
     """A scripted HTTP server for one connection: it records the request and
     answers with the given bytes, in pieces of the given size."""
 
-    def __init__(self, answer, piece=None, close_after=False):
+    def __init__(self, answer, piece=None, close_after=False, then=b""):
         self.srv, self.port = free_tcp_listener()
         self.answer = answer
         self.piece = piece or len(answer) or 1
         self.request = b""
         self.close_after = close_after
+        self.then = then
         self.t = threading.Thread(target=self.serve, daemon=True)
         self.t.start()
         self.conn = None
@@ -287,6 +288,9 @@ class HttpServer:
                 conn.sendall(self.answer[i:i + self.piece])
                 if self.piece < len(self.answer):
                     time.sleep(0.001)
+            if self.then:
+                time.sleep(0.05)
+                conn.sendall(self.then)
         except OSError:
             pass
         if self.close_after:
@@ -307,6 +311,31 @@ class HttpSourceTest(SourceTestCase):
         return (f"GET {path} HTTP/{version}\r\nHost: {host}\r\nConnection: close\r\nUser-Agent: kst\r\n"
                 "Accept: text/html,video/*, application/*\r\nAccept-Language: en-US,en,ru\r\n"
                 "Accept-Charset: ISO-8859-1,UTF-8\r\nCache-Control: no-cache\r\n\r\n").encode()
+
+    def test_a_head_split_over_many_reads_and_the_first_body_bytes_first_in_the_ring(self):
+        body = self.ts()
+        head = b"HTTP/1.1 200 OK\r\nContent-Type: video/mp2t\r\nServer: test\r\n\r\n"
+        srv = HttpServer(head, piece=7, then=body[:3000])
+        p = self.start(f"http://127.0.0.1:{srv.port}/live/a.ts?id=7")
+        self.awaitLog(self.log, "TS stream detected")
+        self.assertTrue(wait_for(lambda: open(shm_name(p.pid), "rb").read(3000) == body[:3000], timeout=10))
+        self.stop(p)
+        srv.close()
+        self.assertEqual(srv.request, self.request_text("/live/a.ts?id=7", f"127.0.0.1:{srv.port}"))
+        msgs = self.msgs()
+        self.assertIn("(DBG) init_ksti_ctx: mode=STM", msgs)
+        self.assertFalse(any("joining HTTP tail" in m for m in msgs), msgs)
+
+    def test_a_tail_shorter_than_a_packet_cannot_be_recognised(self):
+        # The first bytes the ring takes decide the stream's kind: a few bytes
+        # behind the head are too few to be a transport stream.
+        srv = HttpServer(b"HTTP/1.1 200 OK\r\n\r\n\x47\x00\x00\x10", then=self.ts()[:10 * TS_PKT])
+        r = run_kst(["-T", "-L", "debug", "-i", f"http://127.0.0.1:{srv.port}/a.ts"])
+        srv.close()
+        msgs = messages(r.stderr)
+        self.assertIn("(DBG) init_ksti_ctx: joining HTTP tail of 4 bytes", msgs)
+        self.assertIn("(ERR) init_ksti_ctx: failed to join HTTP tail of 4 bytes, rc=-14", msgs)
+        self.assertEqual(r.returncode, 14)
 
     def test_the_tail_behind_the_head_is_joined_to_the_ring(self):
         body = self.ts()[:100 * TS_PKT]
