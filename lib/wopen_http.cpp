@@ -2,6 +2,8 @@
 // one GET out, the response head read and checked, the tail kept.
 #include "wopen_http.h"
 
+#include "netops.h"
+
 #include <fcntl.h>
 #include <cerrno>
 #include <cstdio>
@@ -22,16 +24,6 @@ constexpr size_t HOST_MAX = 1025;
 constexpr size_t PORT_MAX = 32;
 constexpr size_t GET_QUERY_SIZE = 128;
 constexpr size_t RESPONSE_BUF_SIZE = 1024;
-
-// Non-zero when the descriptor is in non-blocking mode, -1 when its flags
-// can't be read.
-int fd_non_blocking(int fd)
-{
-    const int fl = fcntl(fd, F_GETFL);
-    if (fl == -1)
-        return -1;
-    return (fl & O_NONBLOCK) != 0 ? 1 : 0;
-}
 
 }  // namespace
 
@@ -94,7 +86,7 @@ int get_http_response(int sockfd, char* tail, size_t tail_cap, size_t* tail_size
 
     timespec last_io_tm{};
     set_clk_now(&last_io_tm, CLOCK_MONOTONIC);
-    const int non_blocking = fd_non_blocking(sockfd);
+    const int non_blocking = is_non_blocking(sockfd);
 
     int rc = 0;
     bool head_done = false;
