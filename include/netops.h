@@ -46,9 +46,9 @@ extern net_options g_opt;
 void set_legacy_mcast_api(int ON);
 
 // The factory: a descriptor or -1. addr null is the any-address of
-// spec->family; *ifi (when ifi is given) receives the interface record of a
+// sspec->family; *ifi (when ifi is given) receives the interface record of a
 // multicast socket, owned by the caller, or null.
-int open_socket(const char* addr, const char* port, socket_spec* spec, const char* ifc_tag, ifc_info** ifi);
+int open_socket(const char* addr, const char* port, socket_spec* sspec, const char* ifc_tag, ifc_info** ifi);
 
 // Names and tests of families and addresses.
 const char* af_name(int af);

@@ -31,18 +31,18 @@ bool plain_number(const char* s)
     return *end == '\0';
 }
 
-int setup_client(int fd, addrinfo* ai, socket_spec* spec)
+int setup_client(int fd, addrinfo* ai, socket_spec* sspec)
 {
     static const char* const fn = "setup_client";
-    if (spec->socktype == SOCK_DGRAM) {
+    if (sspec->socktype == SOCK_DGRAM) {
         // A sender is neither bound nor connected: it sends to addr_ss. A
         // receiver listens on the address it was given, connected to no peer.
-        if (spec->writer)
+        if (sspec->writer)
             return 0;
         return reuse_and_bind(fd, ai->ai_addr, ai->ai_addrlen);
     }
 
-    if (spec->non_blocking)
+    if (sspec->non_blocking)
         LOG_AT(DEBUG_level, "%s: non-blocking CONNECT on fd%d\n", fn, fd);
     if (W_connect(fn, fd, ai->ai_addr, ai->ai_addrlen) == 0) {
         LOG_AT(DEBUG_level, "%s: %s CONNECT [fd%d]\n", fn, "IMMEDIATE", fd);
@@ -51,12 +51,12 @@ int setup_client(int fd, addrinfo* ai, socket_spec* spec)
     if (errno != EINPROGRESS)
         return -1;
     // Whoever uses the socket waits for it to become writable.
-    spec->async_connect = 1;
+    sspec->async_connect = 1;
     LOG_AT(DEBUG_level, "%s: %s CONNECT [fd%d]\n", fn, "ASYNC", fd);
     return 0;
 }
 
-int setup_listener(int fd, addrinfo* ai, socket_spec* spec)
+int setup_listener(int fd, addrinfo* ai, socket_spec* sspec)
 {
     static const char* const fn = "setup_listener";
     if (ai->ai_family == AF_INET6 && is_unspecified(ai->ai_addr) == 1)
@@ -64,10 +64,10 @@ int setup_listener(int fd, addrinfo* ai, socket_spec* spec)
     if (reuse_and_bind(fd, ai->ai_addr, ai->ai_addrlen) != 0)
         return -1;
 
-    if (spec->socktype == SOCK_STREAM) {
-        if (!spec->defer_listen && W_listen(fn, fd, LISTEN_BACKLOG) != 0)
+    if (sspec->socktype == SOCK_STREAM) {
+        if (!sspec->defer_listen && W_listen(fn, fd, LISTEN_BACKLOG) != 0)
             return -1;
-    } else if (spec->socktype != SOCK_DGRAM) {
+    } else if (sspec->socktype != SOCK_DGRAM) {
         if (W_connect(fn, fd, ai->ai_addr, ai->ai_addrlen) != 0)
             return -1;
         LOG_AT(DEBUG_level, "%s: CONNECT [%d]\n", fn, fd);
@@ -132,14 +132,14 @@ ifc_info* mcast_ifc_record(int af, const char* ifc_tag)
 
 }  // namespace
 
-int open_socket(const char* addr, const char* port, socket_spec* spec, const char* ifc_tag, ifc_info** ifi)
+int open_socket(const char* addr, const char* port, socket_spec* sspec, const char* ifc_tag, ifc_info** ifi)
 {
     static const char* const fn = "open_socket";
     LOG_AT(DEBUG_level, "%s: %s %s [%s (%d)] socket for [%s:%s], ifc=%s\n", fn,
-           spec->socktype == SOCK_DGRAM ? "UDP" : "TCP", spec->passive ? "LISTENER" : "CLIENT", af_name(spec->family),
-           spec->family, addr ? addr : "all", port ? port : "", ifc_tag ? ifc_tag : "none");
+           sspec->socktype == SOCK_DGRAM ? "UDP" : "TCP", sspec->passive ? "LISTENER" : "CLIENT", af_name(sspec->family),
+           sspec->family, addr ? addr : "all", port ? port : "", ifc_tag ? ifc_tag : "none");
 
-    if (spec->socktype == SOCK_STREAM || spec->socktype == SOCK_DGRAM)
+    if (sspec->socktype == SOCK_STREAM || sspec->socktype == SOCK_DGRAM)
         LOG_ASSERT(port);
     // A number in front passes (the resolver judges the rest); a word alone
     // doesn't, so no service name is ever looked up.
@@ -149,13 +149,13 @@ int open_socket(const char* addr, const char* port, socket_spec* spec, const cha
     }
 
     addrinfo hints{};
-    hints.ai_family = spec->family;
-    hints.ai_socktype = spec->socktype;
+    hints.ai_family = sspec->family;
+    hints.ai_socktype = sspec->socktype;
     hints.ai_protocol = 0;
-    hints.ai_flags = spec->passive ? AI_PASSIVE : 0;
+    hints.ai_flags = sspec->passive ? AI_PASSIVE : 0;
 
     if (addr == nullptr)
-        addr = spec->family == AF_INET6 ? "::" : "0.0.0.0";
+        addr = sspec->family == AF_INET6 ? "::" : "0.0.0.0";
     else if (addr[0] != '\0' && plain_number(addr)) {
         LOG_AT(ERR_level, "%s: cannot accept plain number [%s] as IP address\n", fn, addr);
         return -1;
@@ -174,11 +174,11 @@ int open_socket(const char* addr, const char* port, socket_spec* spec, const cha
             continue;
         (void)plat_sock_defaults(fd, ai->ai_family);
 
-        spec->family = ai->ai_family;
+        sspec->family = ai->ai_family;
         if (is_multicast(ai->ai_addr) == 1)
-            spec->multicast = 1;
+            sspec->multicast = 1;
 
-        if (spec->non_blocking && set_nblock(fd, 1) != 0) {
+        if (sspec->non_blocking && set_nblock(fd, 1) != 0) {
             const int err = errno;
             LOG_AT(ERR_level, "%s: failed to make fd=%d non-blocking ERROR(%d): %s\n", fn, fd, err, strerror(err));
             W_close(fn, fd);
@@ -188,15 +188,15 @@ int open_socket(const char* addr, const char* port, socket_spec* spec, const cha
 
         ifc_info* rec = nullptr;
         int rc;
-        if (spec->multicast) {
+        if (sspec->multicast) {
             // A listener on a multicast address is a fault of the calling code.
-            LOG_ASSERT(!spec->passive);
+            LOG_ASSERT(!sspec->passive);
             rec = mcast_ifc_record(ai->ai_family, ifc_tag);
-            rc = spec->writer ? setup_mcast_writer(fd, ai, rec) : setup_mcast_reader(fd, ai, rec);
-        } else if (spec->passive)
-            rc = setup_listener(fd, ai, spec);
+            rc = sspec->writer ? setup_mcast_writer(fd, ai, rec) : setup_mcast_reader(fd, ai, rec);
+        } else if (sspec->passive)
+            rc = setup_listener(fd, ai, sspec);
         else
-            rc = setup_client(fd, ai, spec);
+            rc = setup_client(fd, ai, sspec);
 
         if (rc != 0) {
             free(rec);
@@ -205,8 +205,8 @@ int open_socket(const char* addr, const char* port, socket_spec* spec, const cha
             continue;
         }
 
-        memcpy(&spec->addr_ss, ai->ai_addr, ai->ai_addrlen);
-        spec->addr_len = ai->ai_addrlen;
+        memcpy(&sspec->addr_ss, ai->ai_addr, ai->ai_addrlen);
+        sspec->addr_len = ai->ai_addrlen;
         if (ifi != nullptr)
             *ifi = rec;
         else
@@ -219,7 +219,7 @@ int open_socket(const char* addr, const char* port, socket_spec* spec, const cha
     if (fd < 0)
         return -1;
 
-    LOG_AT(DEBUG_level, "%s: %s %s socket fd=[%d]\n", fn, spec->passive ? "SERVER" : "CLIENT",
-           spec->multicast ? "multicast" : "unicast", fd);
+    LOG_AT(DEBUG_level, "%s: %s %s socket fd=[%d]\n", fn, sspec->passive ? "SERVER" : "CLIENT",
+           sspec->multicast ? "multicast" : "unicast", fd);
     return fd;
 }

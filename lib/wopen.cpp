@@ -52,13 +52,13 @@ int open_network(const char* url, usock_ctx* uc, const char* path, bool* failed)
         LOG_AT(DEBUG_level, "%s: assuming HTTP port %s for [%s]\n", "usock_open", port, url);
     }
 
-    socket_spec& spec = uc->sspec;
-    spec.writer = !uc->inbound;
-    spec.non_blocking = uc->non_blocking;
+    socket_spec& sspec = uc->sspec;
+    sspec.writer = !uc->inbound;
+    sspec.non_blocking = uc->non_blocking;
     switch (uc->url_kind) {
     case URI_TCP:
     case URI_HTTP:
-        spec.socktype = SOCK_STREAM;
+        sspec.socktype = SOCK_STREAM;
         if (!ensure_tail_buf(uc)) {
             *failed = true;
             return -1;
@@ -66,14 +66,14 @@ int open_network(const char* url, usock_ctx* uc, const char* path, bool* failed)
         break;
     case URI_UDP:
     case URI_RTP:
-        spec.socktype = SOCK_DGRAM;
+        sspec.socktype = SOCK_DGRAM;
         break;
     default:
         LOG_AT(ERR_level, "%s: unsupported URI type: %d\n", "usock_open", uc->url_kind);
         return -1;
     }
 
-    const int fd = open_socket(host, port, &spec, uc->ifc_tag, &uc->mifc);
+    const int fd = open_socket(host, port, &sspec, uc->ifc_tag, &uc->mifc);
     if (fd >= 0 && !uc->non_blocking && uc->timeout_ms != 0) {
         const int rc = uc->inbound ? set_rcv_timeout(fd, uc->timeout_ms) : set_send_timeout(fd, uc->timeout_ms);
         *failed = (rc != 0);
