@@ -488,16 +488,20 @@ TEST_F(ConfigTest, StringListFullAtTheCountWithMoreLeftFails)
               "(DBG)  load_config_string_list: 15 elements added to [lists.sixteen]\n");
 }
 
+// A list that gives nothing: null, a count of 0, and not a word in the log.
+void expect_no_list(const char* path, size_t wanted)
+{
+    size_t n = wanted;
+    EXPECT_EQ(load_config_string_list(path, &n), nullptr) << path;
+    EXPECT_EQ(n, 0u) << path;
+}
+
 TEST_F(ConfigTest, StringListMissingPathGivesNothing)
 {
     load("lists = { two = [\"a\", \"b\"]; };");
     LogCapture cap;
-    size_t n = 7;
-    EXPECT_EQ(load_config_string_list("lists.none", &n), nullptr);
-    EXPECT_EQ(n, 0u);
-    n = 7;
-    EXPECT_EQ(load_config_string_list("nogroup.none", &n), nullptr);
-    EXPECT_EQ(n, 0u);
+    expect_no_list("lists.none", 7);
+    expect_no_list("nogroup.none", 7);
     EXPECT_EQ(cap.text(), "");
 }
 
@@ -505,9 +509,7 @@ TEST_F(ConfigTest, StringListCountZeroGivesNothing)
 {
     load("lists = { two = [\"a\", \"b\"]; };");
     LogCapture cap;
-    size_t n = 0;
-    EXPECT_EQ(load_config_string_list("lists.two", &n), nullptr);
-    EXPECT_EQ(n, 0u);
+    expect_no_list("lists.two", 0);
     EXPECT_EQ(cap.text(), "");
 }
 
@@ -515,15 +517,9 @@ TEST_F(ConfigTest, StringListEmptyOrScalarGivesNothing)
 {
     load("lists = { empty = []; scalar = \"x\"; nums = [1, 2]; };");
     LogCapture cap;
-    size_t n = 5;
-    EXPECT_EQ(load_config_string_list("lists.empty", &n), nullptr);
-    EXPECT_EQ(n, 0u);
-    n = 5;
-    EXPECT_EQ(load_config_string_list("lists.scalar", &n), nullptr);
-    EXPECT_EQ(n, 0u);
-    n = 5;
-    EXPECT_EQ(load_config_string_list("lists.nums", &n), nullptr);
-    EXPECT_EQ(n, 0u);
+    expect_no_list("lists.empty", 5);
+    expect_no_list("lists.scalar", 5);
+    expect_no_list("lists.nums", 5);
     EXPECT_EQ(cap.text(), "");
 }
 
