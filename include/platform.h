@@ -38,6 +38,7 @@ int plat_sendfile(int in_fd, int out_fd, off_t offset, size_t count, sf_hdtr_t* 
 
 // Sockets and multicast.
 #include <sys/time.h>
+#include <netdb.h>
 #include <cstdint>
 
 // What every new socket of the family gets right after it is made, so that
@@ -56,3 +57,7 @@ uint32_t plat_ipv6_scope_id(uint32_t found, const char* ifc_name);
 
 // Makes a negative socket time-out one that setsockopt refuses with EDOM.
 void plat_sock_timeout_value(timeval* tv);
+
+// getaddrinfo, with a numeric service above 65535 refused by EAI_SERVICE
+// on every platform.
+int plat_getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** res);

@@ -78,3 +78,9 @@ void plat_sock_timeout_value(timeval* tv)
 {
     (void)tv;
 }
+
+// The resolver refuses a numeric service above 65535 itself.
+int plat_getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** res)
+{
+    return getaddrinfo(node, service, hints, res);
+}

@@ -160,3 +160,21 @@ void plat_sock_timeout_value(timeval* tv)
     if (tv->tv_sec < 0 && tv->tv_usec == 0)
         tv->tv_usec = -1;
 }
+
+// The resolver here reads a numeric service of any size and keeps its low 16
+// bits, so port 70000 would quietly be port 4464. The target's resolver
+// refuses it with EAI_SERVICE; so does this one, before asking.
+int plat_getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** res)
+{
+    if (service != nullptr && service[0] != '\0') {
+        const int err = errno;
+        char* end = nullptr;
+        errno = 0;
+        const unsigned long num = strtoul(service, &end, 10);
+        const bool out_of_range = *end == '\0' && (num > 65535 || errno == ERANGE);
+        errno = err;
+        if (out_of_range)
+            return EAI_SERVICE;
+    }
+    return getaddrinfo(node, service, hints, res);
+}

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "log.h"
+#include "platform.h"
 
 LOG_UNIT(LLMOD_SYSWRAP);
 
@@ -218,7 +219,7 @@ int W_listen(const char* caller, int sockfd, int backlog)
 int W_getaddrinfo(const char* caller, const char* node, const char* service, const addrinfo* hints,
                   addrinfo** res)
 {
-    const int rc = getaddrinfo(node, service, hints, res);
+    const int rc = plat_getaddrinfo(node, service, hints, res);
     if (rc == -1) {
         const int err = errno;
         LOG_AT(ERR_level, "%s: getaddrinfo(%s, %s, %p, %p): ERROR(%d:%d): %s\n", caller, node, service,

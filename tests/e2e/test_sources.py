@@ -247,6 +247,10 @@ class BadUrlTest(KstTestCase):
     def test_a_port_of_letters_is_refused(self):
         self.assertIn("(ERR) open_socket: empty or invalid port [http]", self.refused("tcp://127.0.0.1:http"))
 
+    def test_a_port_beyond_65535_is_refused_and_never_wraps(self):
+        # 70000 would be port 4464 if its low 16 bits were taken.
+        self.assertNotIn("(ERR)", " ".join(self.refused("udp://127.0.0.1:70000")))
+
     def test_port_0_binds_an_ephemeral_port(self):
         p = self.start_kst(["-T", "-q", "-l", self.path("z.log"), "-i", "udp://127.0.0.1:0"])
         self.awaitLog(self.path("z.log"), "Reading (PKT) from fd5 [udp://127.0.0.1:0]")

@@ -786,6 +786,30 @@ TEST(NetopsOpenPort, NumberInFrontPassesToTheResolver)
     EXPECT_EQ(cap.text(), "(DBG)  open_socket: UDP CLIENT [UNSPEC (0)] socket for [127.0.0.1:80x], ifc=none\n");
 }
 
+TEST(NetopsOpenPort, PortBeyond65535IsRefusedByTheResolver)
+{
+    LogCapture cap;
+    for (const char* port : {"65536", "70000", "99999999999999999999999"}) {
+        socket_spec s = spec_of(SOCK_DGRAM);
+        cap.clear();
+        // Never the port's low 16 bits: no socket, and no line beyond the first.
+        EXPECT_EQ(open_socket("127.0.0.1", port, &s, nullptr, nullptr), -1) << port;
+        EXPECT_EQ(cap.text(), strf("(DBG)  open_socket: UDP CLIENT [UNSPEC (0)] socket for [127.0.0.1:%s], ifc=none\n",
+                                   port));
+    }
+}
+
+TEST(NetopsOpenPort, Port65535Binds)
+{
+    LogCapture cap(ERR_level);
+    socket_spec s = spec_of(SOCK_DGRAM);
+    const int fd = open_socket("127.0.0.1", "65535", &s, nullptr, nullptr);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(local_port(fd), 65535);
+    EXPECT_EQ(cap.text(), "");
+    close(fd);
+}
+
 TEST(NetopsOpenPort, PortZeroPasses)
 {
     LogCapture cap(ERR_level);
