@@ -81,10 +81,14 @@ int setup_mcast_reader(int sockfd, addrinfo* ai, ifc_info* rec)
     LOG_AT(DEBUG_level, "%s: fd=%d, ifc=[%s]:%p\n", fn, sockfd, rec ? rec->name : "<any>", static_cast<void*>(rec));
 
     if (is_ipv6_mc_local(ai->ai_addr)) {
-        if (named_ifc(rec))
+        if (named_ifc(rec)) {
             sync_ipv6addr_scope_id(ai->ai_addr, rec->name, &rec->ss);
-        else  // the open goes on all the same
+        } else {
+            // The open goes on all the same. On Linux the bind to a
+            // link-local group without a scope id then fails with EINVAL,
+            // where the target binds and joins on the default interface.
             LOG_AT(ERR_level, "%s: network interface must be specified to use link/local-scope multicast\n", fn);
+        }
     }
 
     (void)plat_mcast_reader_opts(sockfd, ai->ai_family);
