@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "analysis.h"
 #include "kst.h"
 #include "netops.h"
 #include "log.h"
@@ -74,6 +75,19 @@ int open_source(mm_point& pt)
     return 0;
 }
 
+// The local aggregates start afresh after a report only in a run as an
+// ordinary user at DEBUG; otherwise local means global from start to end.
+void report_stats()
+{
+    if (!tsan_check_dump_stats(log_fp(&g_log), g_ctx.tc))
+        return;
+    if (geteuid() == 0 || g_mod_ll[g_llctx.mod] < DEBUG_level)
+        return;
+    if (FILE* mirror = log_mirror_fp(&g_log); mirror != nullptr)
+        tsan_dump_stats(mirror, g_ctx.tc);
+    tsan_reset_local_stats(g_ctx.tc);
+}
+
 }  // namespace
 
 int init_ksti_ctx()
@@ -82,6 +96,11 @@ int init_ksti_ctx()
 
     int rc = dir_check(g_cfg.snap_dir, true);
     if (rc != 0)
+        return rc;
+
+    // Made also when analysis is off: a reload may switch it on.
+    g_ctx.tc = tsan_init(g_cfg.tsa.source[0] != '\0' ? nullptr : g_cfg.src_url, &g_cfg.tsa, &rc);
+    if (g_ctx.tc == nullptr)
         return rc;
 
     rc = mmr_create(&g_ctx.mmr, g_cfg.cache_sz_mb * BYTES_IN_MB);
@@ -106,6 +125,10 @@ void destroy_ksti_ctx()
     if (g_ctx.mmr != nullptr) {
         mmr_destroy(g_ctx.mmr);
         g_ctx.mmr = nullptr;
+    }
+    if (g_ctx.tc != nullptr) {
+        tsan_free(g_ctx.tc);
+        g_ctx.tc = nullptr;
     }
     if (g_ctx.abuf != nullptr) {
         free(g_ctx.abuf);
@@ -198,7 +221,18 @@ int run_app()
             where = "mmr_iput";
             break;
         }
-        count_tail(pt.len);
+        if (g_cfg.tsa.is_enabled) {
+            rc = analyze_input(dest, pt.len);
+            if (rc != 0) {
+                where = "process_input";
+                break;
+            }
+        }
+        if (g_cfg.report_tput_sec != 0)
+            update_tps((size_t)nread);
+        count_tail((size_t)nread);
+        if (g_cfg.tsa.is_enabled)
+            report_stats();
         (void)config_reload_check();
         where = "#unknown#";
         rc = 0;

@@ -31,12 +31,23 @@ constexpr int D_KST_READ_TMOUT_MS = 0;
 inline constexpr n32_tag SM_PKT = mk_n32_tag("PKT");
 inline constexpr n32_tag SM_STM = mk_n32_tag("STM");
 
+// Throughput since the start; the report calls reads datagrams.
+struct kst_tput_stats {
+    double total_bytes;
+    double total_pkts;
+    double total_sec;
+    double lavg_speed;  // bytes a second over the last report period
+    double gavg_speed;  // total_bytes / total_sec
+};
+
 struct ksti_ctx {
     bool is_ready;
     usock_ctx uc;
     int ssock;
     n32_tag mode;
     mmr_t mmr;
+    tsan_t tc;
+    kst_tput_stats tps;
     bool waiting_alarm;
     bool must_count_tail;
     size_t tail_size;
