@@ -244,6 +244,13 @@ class BadUrlTest(KstTestCase):
     def test_an_empty_port_is_refused(self):
         self.assertIn("(ERR) open_socket: empty or invalid port []", self.refused("udp://127.0.0.1"))
 
+    def test_a_tcp_url_without_port_is_refused(self):
+        # Only HTTP has a default port.
+        self.assertIn("(ERR) open_socket: empty or invalid port []", self.refused("tcp://127.0.0.1"))
+
+    def test_an_rtp_url_without_port_is_refused(self):
+        self.assertIn("(ERR) open_socket: empty or invalid port []", self.refused("rtp://127.0.0.1"))
+
     def test_a_port_of_letters_is_refused(self):
         self.assertIn("(ERR) open_socket: empty or invalid port [http]", self.refused("tcp://127.0.0.1:http"))
 
