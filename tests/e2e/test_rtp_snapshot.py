@@ -12,8 +12,9 @@ from kstlib import KstTestCase, make_ts, messages, need, read_text
 RTP_LEN = 12 + 7 * 188
 
 
-def ffmpeg_rtp_datagrams(ts_path):
-    """Every datagram ffmpeg's rtp_mpegts muxer sends for the file, in order."""
+def ffmpeg_rtp_datagrams(ts_path, options=()):
+    """Every datagram ffmpeg's rtp_mpegts muxer sends for the file, in order;
+    options go to ffmpeg in front of the muxer's name."""
     need("ffmpeg")
     rx = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     rx.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 8 << 20)
@@ -22,7 +23,7 @@ def ffmpeg_rtp_datagrams(ts_path):
     rx.settimeout(0.5)
     # -re keeps the pace real, so loopback drops nothing.
     sender = subprocess.Popen(["ffmpeg", "-hide_banner", "-loglevel", "error", "-re", "-i", ts_path,
-                               "-c", "copy", "-f", "rtp_mpegts", f"rtp://127.0.0.1:{port}"])
+                               "-c", "copy"] + list(options) + ["-f", "rtp_mpegts", f"rtp://127.0.0.1:{port}"])
     dgrams = []
     deadline = time.monotonic() + 60
     try:
