@@ -22,6 +22,7 @@ namespace {
 
 process_ctx pctx;
 iovec iov[ANALYZE_IOV_MAX];
+size_t iov_used = ANALYZE_IOV_MAX;  // entries the last batch may have written
 time_t last_report_tm = 0;  // of the last throughput report
 double last_total = 0;      // total_bytes at that report
 // One record per stream packet, not groups sized to a message.
@@ -85,6 +86,8 @@ process_ctx* analysis_state()
 void analysis_reset_for_test()
 {
     pctx = process_ctx{};
+    memset(iov, 0, sizeof(iov));
+    iov_used = 0;
     last_report_tm = 0;
     last_total = 0;
 }
@@ -120,9 +123,12 @@ int analyze_input(uint8_t* buf, size_t buflen)
 
     while (nleft >= (ssize_t)pctx.info.ts_len) {
         ssize_t pkt1_offt = 0;
-        memset(iov, 0, sizeof(iov));
+        // Every batch starts on a cleared array; entries past those the last
+        // batch used are still clear.
+        memset(iov, 0, iov_used * sizeof(iov[0]));
         size_t count = ANALYZE_IOV_MAX;
         int rc = mmr_oget_buf(g_ctx.mmr, data, (size_t)nleft, iov, &count, &pkt1_offt);
+        iov_used = (rc == 0 || rc == -9) ? count : ANALYZE_IOV_MAX;
         if (rc == -9 && g_cfg.lost_sync_alert && g_cfg.alert_log.path[0] != '\0') {
             if (tsan_alert_lostsync(g_ctx.tc) != 0)
                 return -9;

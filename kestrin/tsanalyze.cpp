@@ -3,7 +3,10 @@
 // It reads no more than the packet in hand and never reassembles sections.
 #include "tsanalyze.h"
 
+#include <algorithm>
+#include <charconv>
 #include <cstdlib>
+#include <string_view>
 #include <cstring>
 
 #include "log.h"
@@ -22,14 +25,32 @@ tsan_ctx* ctx_of(tsan_t t)
     return static_cast<tsan_ctx*>(t);
 }
 
-// Every message of the tracker names the packet by this tag.
+// Every message of the tracker names the packet by this tag: "pkt[%lu]",
+// and once a PCR was seen ":(pcr=%lu)+%lu", cut to 62 characters as the
+// formatted text would be. Made for every packet, so made by hand.
 void mk_ptag(tsan_ctx* tc)
 {
-    constexpr int lim = PTAG_MAX - 1;
-    const int n = snprintf(tc->ptag, lim, "pkt[%lu]", tc->pg.last_pkt_idx);
-    if (n > 0 && n < lim && tc->pg.got_pcr)
-        (void)snprintf(tc->ptag + n, (size_t)(lim - n), ":(pcr=%lu)+%lu", tc->pg.last_pcr,
-                       tc->pg.last_pkt_idx - tc->pg.pcr_pktnum);
+    constexpr size_t lim = PTAG_MAX - 2;
+    size_t len = 0;
+    const auto put = [tc, &len](std::string_view s) {
+        const size_t n = std::min(s.size(), lim - len);
+        memcpy(tc->ptag + len, s.data(), n);
+        len += n;
+    };
+    const auto num = [&put](uint64_t v) {
+        char digits[24];
+        put(std::string_view(digits, (size_t)(std::to_chars(digits, digits + sizeof(digits), v).ptr - digits)));
+    };
+    put("pkt[");
+    num(tc->pg.last_pkt_idx);
+    put("]");
+    if (tc->pg.got_pcr) {
+        put(":(pcr=");
+        num(tc->pg.last_pcr);
+        put(")+");
+        num(tc->pg.last_pkt_idx - tc->pg.pcr_pktnum);
+    }
+    tc->ptag[len] = '\0';
 }
 
 bool is_pmt_pid(const tsan_ctx* tc, unsigned pid)
