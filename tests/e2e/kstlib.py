@@ -19,15 +19,16 @@ def need(tool):
         raise unittest.SkipTest(f"{tool} is not installed (scripts/test installs it)")
 
 
-def make_ts(path, seconds=2, video="mpeg2video", audio="mp2", size="320x240", rate=25):
-    """A real transport stream from ffmpeg's test sources."""
+def make_ts(path, seconds=2, video="mpeg2video", audio="mp2", size="320x240", rate=25, extra=()):
+    """A real transport stream from ffmpeg's test sources; extra options go
+    to the muxer."""
     need("ffmpeg")
     cmd = ["ffmpeg", "-hide_banner", "-loglevel", "error", "-y",
            "-f", "lavfi", "-i", f"testsrc=size={size}:rate={rate}",
            "-f", "lavfi", "-i", "sine=frequency=1000:sample_rate=48000",
            "-t", str(seconds), "-c:v", video]
     cmd += ["-c:a", audio] if audio else ["-an"]
-    cmd += ["-f", "mpegts", path]
+    cmd += list(extra) + ["-f", "mpegts", path]
     subprocess.run(cmd, check=True, timeout=120)
     return path
 
