@@ -9,7 +9,7 @@ import time
 import unittest
 
 import tsmodel
-from kstlib import make_ts, messages, need, read_text, wait_for
+from kstlib import KST, TcpFeed, make_ts, messages, need, read_text, wait_for
 from test_analyzer import TAG, AnalyzerTestCase
 from test_sources import free_udp_port
 
@@ -84,6 +84,62 @@ class AlertTest(AnalyzerTestCase):
         self.stop_live(p, w)
         counts = [l for l in self.alert_lines() if l.startswith("STAT ALERT-count ")]
         self.assertEqual(counts[-1], f"STAT ALERT-count {TAG} {len(want.av_delta)} 0 0 0 0")
+
+
+class LocalStatisticsTest(AnalyzerTestCase):
+    """The local columns start afresh after a report only for an ordinary
+    user at DEBUG; as the super-user, local and global stay the same."""
+
+    def two_reports(self, as_user):
+        data = self.ts(seconds=6)
+        os.chmod(self.dir, 0o777)
+        log, self.alerts = self.path("kst.log"), self.path("alerts.log")
+        self.log = log
+        feed = TcpFeed()
+        # Not quiet: the console gets a copy of the log.
+        cmd = [os.path.abspath(KST), "-T", "-l", log, "-L", "debug", "-C",
+               self.config("dump_stats_period = 1;", quiet=False), "-a", self.alerts, "-i", feed.url]
+        if as_user:
+            need("setpriv")
+            cmd = ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"] + cmd
+            probe = subprocess.run(cmd[:5] + ["-V"], capture_output=True, timeout=30)
+            if probe.returncode != 1:
+                self.skipTest(f"user nobody can't run {cmd[4]}: {probe.stderr.decode(errors='replace')}")
+        self.console = self.path("console.txt")
+        with open(self.console, "w") as out:
+            p = subprocess.Popen(cmd, stdout=subprocess.DEVNULL, stderr=out)
+        self.procs.append(p)
+        w = feed.accept()
+        self.assertIsNotNone(w, "kst never connected")
+        third = len(data) // 3 // tsmodel.TS * tsmodel.TS
+        for n, chunk in enumerate((data[:third], data[third:2 * third], data[2 * third:])):
+            os.write(w, chunk)
+            if n < 2:
+                time.sleep(1.3)
+        self.assertTrue(wait_for(lambda: len(self.deltas()) == 2, timeout=10), read_text(self.alerts))
+        self.stop_live(p, w)
+        return self.deltas(), p
+
+    def deltas(self):
+        return [l.split() for l in self.alert_lines() if l.startswith("STAT AV-delta ")]
+
+    def test_an_ordinary_user_at_debug_starts_afresh_after_each_report(self):
+        (first, second), p = self.two_reports(as_user=True)
+        # STAT AV-delta tag pid -1 avg count total min max g_avg g_count g_total g_min g_max
+        count1, g_count1 = int(first[6]), int(first[11])
+        count2, g_count2 = int(second[6]), int(second[11])
+        self.assertEqual(count1, g_count1)
+        self.assertGreater(count2, 0)
+        self.assertEqual(g_count2, g_count1 + count2)
+        self.assertEqual(int(second[12]), int(first[12]) + int(second[7]))
+        # The text report also goes to the console's copy of the log.
+        self.assertEqual(read_text(self.console).count("BEGIN tsan_stats"), 2)
+
+    def test_as_the_super_user_local_means_global(self):
+        (first, second), _ = self.two_reports(as_user=False)
+        for line in (first, second):
+            self.assertEqual(line[5:10], line[10:15])
+        self.assertEqual(read_text(self.console).count("BEGIN tsan_stats"), 0)
 
 
 class CleanStreamTest(AnalyzerTestCase):

@@ -21,12 +21,12 @@ class AnalyzerTestCase(KstTestCase):
         with open(make_ts(self.path("a.ts"), seconds=seconds, **codecs), "rb") as f:
             return f.read()
 
-    def config(self, analyzer="", extra=""):
+    def config(self, analyzer="", extra="", quiet=True):
         path = self.path("kst.conf")
         with open(path, "w") as f:
-            f.write('kst = { log = { file = "%s"; level = "info"; }; runtime = { quiet = true; };\n'
+            f.write('kst = { log = { file = "%s"; level = "info"; }; runtime = { quiet = %s; };\n'
                     '  stream_analyzer = { enabled = true; source_tag = "%s"; %s }; %s };\n'
-                    % (self.path("kst.log"), TAG, analyzer, extra))
+                    % (self.path("kst.log"), "true" if quiet else "false", TAG, analyzer, extra))
         return path
 
     def start_tcp(self, analyzer="", extra=""):
