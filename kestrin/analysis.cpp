@@ -182,10 +182,13 @@ int analyze_input(uint8_t* buf, size_t buflen)
             g_ctx.abuf_len = len;
             LOG_AT(DEBUG_level, "%s: allocated abuf[%zu]\n", "analyze_input", len);
         }
-        // The last nleft bytes begin where the walk stopped. One comparison
-        // of addresses: a tail already in place stays, also when the data
-        // lies in the ring.
-        if (data > g_ctx.abuf)
+        // The last nleft bytes begin where the walk stopped. In abuf, a tail
+        // already at its start stays where it is. From the ring it is always
+        // copied: comparing the addresses of two separate mappings would
+        // leave it behind whenever the allocator put abuf above the ring,
+        // and the next read would be joined to stale bytes.
+        const bool in_abuf = (start == g_ctx.abuf);
+        if (!in_abuf || data > g_ctx.abuf)
             memmove(g_ctx.abuf, data, (size_t)nleft);
         pctx.tail_size = (size_t)nleft;
     }
