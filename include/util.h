@@ -36,6 +36,40 @@ int ignore_sigpipe();
 // which may be null. 0 or the failing call's result.
 int set_unlimited_core(rlimit* old);
 
+// Becomes a daemon: two forks (the parents exit with 0), a new session,
+// "/" as the directory, umask 0, descriptors 0 and 1 closed. 0 in the
+// daemon, or a failing call's result.
+int daemonize();
+// Takes the user's (the user id's) group, then the user; 0 or -1.
+int run_as_user(const char* user);
+int run_as_user_id(uid_t uid, gid_t gid);
+// Goes to saved, or, where that is denied (EPERM), to the home directory of
+// the effective user; 0 or -1.
+int goto_runtime_dir(const char* saved);
+
+// Soft limits; the hard ones stay. 0 or -1.
+int set_limit(int lid, rlim_t new_lim, const char* tag);
+int set_rss_limit(rlim_t new_lim);
+int set_vmem_limit(rlim_t new_lim);
+// Each limit that is not 0, resident size first; stops at the first failure.
+int set_mem_limits(rlim_t rss, rlim_t vmem);
+// What nice returned: a new nice value other than 0 reads as a failure.
+int set_nice(int niceval);
+// Binds the process to one processor; 0 or the failing call's result.
+int pin2cpu(int cpunum);
+// Standard output and error into the file: 0, -1 (open), -2 (onto 1) or
+// -3 (onto 2).
+int redirect_output(const char* dst_path);
+
+// Pid files. A pid file is live while its owner holds a write lock on it.
+constexpr unsigned CPFX_HUSH = 1;
+// Locks fpath and writes pid into it; the descriptor stays open for the
+// life of the process. 0, or -1 or the failing call's result.
+int create_pidfile_extra(const char* fpath, pid_t pid, ino_t* inode, unsigned flags);
+// dir/app-numid.pid, dir/app-strid.pid (numid < 0) or dir/app-stridnumid.pid;
+// buf, or null.
+char* mk_pidfile_name(const char* dir, const char* app, const char* strid, long numid, char* buf, size_t buflen);
+
 // Ready-made handlers: each sets its flag and logs one line at NORM.
 void on_sighup(int signo);
 void on_sigusr1(int signo);

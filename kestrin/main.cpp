@@ -29,6 +29,33 @@ int open_log(log_ctx* log, const char* path, uint32_t flags)
     return (path[0] == '|') ? log_popen(log, path + 1) : log_open_ex(log, path, flags);
 }
 
+// Only the super-user gets here. The directory of the start is kept, so that
+// relative paths mean the same to the daemon where its user may enter it.
+int become_daemon(char* cwd, size_t cwdlen)
+{
+    if (g_cfg.log.path[0] == '\0') {
+        LOG_AT(ERR_level, "Logfile must be specified to run as daemon\n");
+        return 1;
+    }
+    if (getcwd(cwd, cwdlen) == nullptr) {
+        // The line tells error 0 whatever the failure was.
+        LOG_AT(ERR_level, "getcwd ERROR(%d) : %s\n", 0, strerror(0));
+        return -1;
+    }
+    if (const int rc = daemonize(); rc != 0) {
+        log_default(&g_log, stderr);
+        LOG_AT(ERR_level, "Failed to make the process a daemon, quitting.\n");
+        return rc;
+    }
+    if (g_cfg.rt.user[0] != '\0') {
+        if (const int rc = run_as_user(g_cfg.rt.user); rc != 0)
+            return rc;
+    }
+    if (geteuid() != 0)
+        return goto_runtime_dir(cwd);
+    return 0;
+}
+
 int runtime_setup()
 {
     char cwd[256] = {};
@@ -45,7 +72,9 @@ int runtime_setup()
     (void)signal(SIGALRM, catch_alarm);
 
     int rc = 0;
-    if (g_cfg.log.path[0] != '\0') {
+    if (!g_cfg.rt.non_daemon)
+        rc = become_daemon(cwd, sizeof(cwd));
+    if (rc == 0 && g_cfg.log.path[0] != '\0') {
         rc = open_log(&g_log, g_cfg.log.path, 0);
         if (rc == 0) {
             apply_log_config(&g_log, &g_cfg.log);
