@@ -2,6 +2,7 @@
 the configured user in the directory it was started from, with 0 and 1
 closed and no core limit, captures a live stream, writes a snapshot on
 SIGUSR2 and stops cleanly on SIGTERM."""
+import errno
 import glob
 import os
 import pwd
@@ -143,7 +144,7 @@ class DaemonTest(KstTestCase):
         self.assertTrue(wait_for(lambda: "EXIT(" in read_text(self.console), timeout=10), read_text(self.console))
         console = read_text(self.console)
         # Denied is EACCES here, not EPERM: no fall-back to the home directory.
-        self.assertIn(f"(ERR)  KSTI  chdir({closed}) ERROR(13): Permission denied\n", console)
+        self.assertIn(f"(ERR)  KSTI  chdir({closed}) ERROR({errno.EACCES}): {os.strerror(errno.EACCES)}\n", console)
         self.assertIn("(ERR)  KSTI  runtime_setup: FAILED (rc=-1)\n", console)
         self.assertRegex(console, r"EXIT\(1\)\. PID=\d+\n$")
 
