@@ -112,6 +112,10 @@ void log_set_eod(log_ctx* log, time_t max_time);
 size_t log_rota_maxfiles(const log_ctx* log);
 size_t log_rota_maxsize(const log_ctx* log);
 time_t log_rota_eod(const log_ctx* log);
+// Moves the log to "<name>.<now>" and opens a fresh one under its name: 0 or
+// -1, or the code of a failed re-open. When the old file could not be closed
+// or the new one not opened, the log's lines go to stderr from then on.
+int log_rotate(log_ctx* log);
 
 // Levels.
 void log_set_modules(log_ctx* log, int level);

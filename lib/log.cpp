@@ -1,6 +1,7 @@
 // The logger. A line is composed once in g_outbuf and handed to each
 // destination; its own failures go to standard error, never to itself.
 #include "log.h"
+#include "log_internal.h"
 
 #include <sys/stat.h>
 #include <syslog.h>
@@ -76,6 +77,10 @@ bool is_std_stream(const FILE* fp)
 // terminator, so a line of 2047 bytes in all is cut.
 constexpr size_t k_line_room = sizeof(g_outbuf) - 1;
 
+}  // namespace
+
+namespace log_detail {
+
 int do_open(log_ctx* log, const char* filecmd)
 {
     VRX_ASSERT(g_logmod.is_ready);
@@ -115,6 +120,10 @@ int do_open(log_ctx* log, const char* filecmd)
     }
     return 0;
 }
+
+}  // namespace log_detail
+
+namespace {
 
 // Appends to g_outbuf at *pos; false (and a line on stderr) if it didn't fit.
 bool append(size_t* pos, const char* what, const char* fmt, ...) VRX_PRINTF(3, 4);
@@ -164,13 +173,13 @@ int log_open_ex(log_ctx* log, const char* filename, uint32_t flags)
                         strerror(errno));
         }
     }
-    return do_open(log, filename);
+    return log_detail::do_open(log, filename);
 }
 
 int log_popen(log_ctx* log, const char* cmd)
 {
     log->is_pipe = 1;
-    return do_open(log, cmd);
+    return log_detail::do_open(log, cmd);
 }
 
 void log_mirror(log_ctx* log, FILE* fp)
@@ -384,6 +393,12 @@ void log_flush(log_ctx* log, int level)
         const level_row* row = find_level(level);
         syslog((row ? row->syslog_prio : 7) | LOG_LOCAL0, "%s", g_outbuf);
     }
+
+    // The test comes after the write, so the line that reaches the limit
+    // still goes whole into the old file. Rotation closes and opens files,
+    // which a signal handler must not do.
+    if (!g_sigctx && log->fp != nullptr && log->fp != stdout && log->fp != stderr)
+        log_detail::log_rota_check(log);
 }
 
 int btrace_to_buf(char* buf, size_t buflen)
