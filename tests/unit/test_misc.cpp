@@ -213,7 +213,6 @@ TEST(StreamType, ColumnTextHasUnderscoresForBlanks)
 TEST(StreamType, TextWithoutBlanksIsGivenAsItStands)
 {
     EXPECT_STREQ(get_streamtype_txt(0), "Reserved");
-    EXPECT_EQ(get_streamtype_txt(0), pmt_get_streamtype_txt(0));
     EXPECT_STREQ(get_streamtype_txt(200), "Unknown");
 }
 
