@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "config.h"
+#include "errcap.h"
 #include "log.h"
 #include "logcap.h"
 #include "strops.h"
@@ -20,46 +21,6 @@
 #include "timeop.h"
 
 namespace {
-
-// What the process writes to descriptor 2 while alive: the two word checks
-// complain there because the log may not be open yet.
-class StderrCapture {
-public:
-    StderrCapture()
-    {
-        fflush(stderr);
-        tmp_ = tmpfile();
-        saved_ = dup(STDERR_FILENO);
-        dup2(fileno(tmp_), STDERR_FILENO);
-    }
-    ~StderrCapture()
-    {
-        fflush(stderr);
-        dup2(saved_, STDERR_FILENO);
-        close(saved_);
-        fclose(tmp_);
-    }
-    StderrCapture(const StderrCapture&) = delete;
-    StderrCapture& operator=(const StderrCapture&) = delete;
-
-    std::string text() const
-    {
-        fflush(stderr);
-        std::string out;
-        char buf[4096];
-        off_t off = 0;
-        ssize_t n;
-        while ((n = pread(fileno(tmp_), buf, sizeof(buf), off)) > 0) {
-            out.append(buf, (size_t)n);
-            off += n;
-        }
-        return out;
-    }
-
-private:
-    FILE* tmp_ = nullptr;
-    int saved_ = -1;
-};
 
 // A time zone of its own for the length of a test, so that "end of the day"
 // has one answer.

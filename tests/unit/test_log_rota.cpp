@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "config.h"
+#include "errcap.h"
 #include "log.h"
 #include "log_internal.h"
 #include "logcap.h"
@@ -38,45 +39,6 @@ time_t fake_time(time_t* t)
         *t = g_fake_now;
     return g_fake_now;
 }
-
-// What stderr receives while alive, read back from a temporary file.
-class StderrCapture {
-public:
-    StderrCapture()
-    {
-        fflush(stderr);
-        tmp_ = tmpfile();
-        saved_ = dup(STDERR_FILENO);
-        dup2(fileno(tmp_), STDERR_FILENO);
-    }
-    ~StderrCapture()
-    {
-        fflush(stderr);
-        dup2(saved_, STDERR_FILENO);
-        close(saved_);
-        fclose(tmp_);
-    }
-    StderrCapture(const StderrCapture&) = delete;
-    StderrCapture& operator=(const StderrCapture&) = delete;
-
-    std::string text() const
-    {
-        fflush(stderr);
-        std::string out;
-        char buf[4096];
-        off_t off = 0;
-        ssize_t n;
-        while ((n = pread(fileno(tmp_), buf, sizeof(buf), off)) > 0) {
-            out.append(buf, (size_t)n);
-            off += n;
-        }
-        return out;
-    }
-
-private:
-    FILE* tmp_ = nullptr;
-    int saved_ = -1;
-};
 
 std::string stamped(const std::string& path, time_t t)
 {

@@ -28,6 +28,7 @@
 
 #include "logcap.h"
 #include "netops.h"
+#include "childrun.h"
 #include "strf.h"
 
 namespace {
@@ -179,58 +180,19 @@ bool igmp6_member(const char* ifc, const char* group)
 
 // ---- running a body in namespaces of its own ----
 
-constexpr int SKIP_STATUS = 77;
-
 // Runs body in a forked child after unshare(flags) and setup(); setup
-// returns an empty text or the reason to skip. The child's own failures are
-// printed there by the framework and come back as its exit status. The
-// wait is bounded.
+// returns an empty text or the reason to skip.
 void run_isolated(int flags, const std::function<std::string()>& setup, const std::function<void()>& body)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "namespaces of its own need root";
-    int p[2];
-    ASSERT_EQ(pipe(p), 0);
-    fflush(stdout);
-    fflush(stderr);
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        close(p[0]);
-        std::string why;
-        if (unshare(flags) != 0)
-            why = strf("unshare: %s", strerror(errno));
-        else
-            why = setup();
-        if (!why.empty()) {
-            (void)!write(p[1], why.data(), why.size());
-            _exit(SKIP_STATUS);
-        }
-        body();
-        fflush(stdout);
-        _exit(::testing::Test::HasFailure() ? 1 : 0);
-    }
-    close(p[1]);
-    int status = 0;
-    bool done = false;
-    for (int i = 0; i < 3000 && !done; ++i) {  // 30 s at most
-        if (waitpid(pid, &status, WNOHANG) == pid)
-            done = true;
-        else
-            usleep(10000);
-    }
-    if (!done) {
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
-    }
-    char why[256] = {};
-    const ssize_t n = read(p[0], why, sizeof(why) - 1);
-    close(p[0]);
-    ASSERT_TRUE(done) << "the isolated child did not finish in time";
-    ASSERT_TRUE(WIFEXITED(status)) << "the isolated child died of signal " << WTERMSIG(status);
-    if (WEXITSTATUS(status) == SKIP_STATUS)
-        GTEST_SKIP() << std::string(why, n > 0 ? static_cast<size_t>(n) : 0);
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "the isolated child reported failures (above)";
+    run_in_child(
+        [&]() -> std::string {
+            if (unshare(flags) != 0)
+                return strf("unshare: %s", strerror(errno));
+            return setup();
+        },
+        body, "the isolated child");
 }
 
 // A network namespace whose loopback carries multicast: joining with no

@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "childrun.h"
 #include "logcap.h"
 #include "strf.h"
 #include "uri.h"
@@ -231,7 +232,6 @@ private:
 
 // ---- a network of the test's own ----
 
-constexpr int SKIP_STATUS = 77;
 
 // Brings the loopback of the current network namespace up.
 std::string loopback_up()
@@ -268,50 +268,15 @@ std::string own_network()
 
 // Runs body in a forked child of a network namespace of its own, in which
 // every port is free. setup runs there first and returns an empty text or
-// the reason to skip. The child's own failures are printed there by the
-// framework and come back as its exit status; the wait is bounded.
+// the reason to skip.
 void run_in_own_network(const std::function<std::string()>& setup, const std::function<void()>& body)
 {
-    int p[2];
-    ASSERT_EQ(pipe(p), 0);
-    fflush(stdout);
-    fflush(stderr);
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        close(p[0]);
-        std::string why = own_network();
-        if (why.empty())
-            why = setup();
-        if (!why.empty()) {
-            (void)!write(p[1], why.data(), why.size());
-            _exit(SKIP_STATUS);
-        }
-        body();
-        fflush(stdout);
-        _exit(::testing::Test::HasFailure() ? 1 : 0);
-    }
-    close(p[1]);
-    int status = 0;
-    bool done = false;
-    for (int i = 0; i < 3000 && !done; ++i) {  // 30 s at most
-        if (waitpid(pid, &status, WNOHANG) == pid)
-            done = true;
-        else
-            usleep(10000);
-    }
-    if (!done) {
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
-    }
-    char why[512] = {};
-    const ssize_t n = read(p[0], why, sizeof(why) - 1);
-    close(p[0]);
-    ASSERT_TRUE(done) << "the child in its own network did not finish in time";
-    ASSERT_TRUE(WIFEXITED(status)) << "the child in its own network died of signal " << WTERMSIG(status);
-    if (WEXITSTATUS(status) == SKIP_STATUS)
-        GTEST_SKIP() << std::string(why, n > 0 ? static_cast<size_t>(n) : 0);
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "the child in its own network reported failures (above)";
+    run_in_child(
+        [&]() -> std::string {
+            const std::string why = own_network();
+            return why.empty() ? setup() : why;
+        },
+        body, "the child in its own network");
 }
 
 uint16_t peer_port(int fd)
