@@ -55,8 +55,8 @@ inline void psi_syntax_header(std::vector<uint8_t>& body, uint16_t ext)
     body.push_back(0);     // last_section_number
 }
 
-// A PAT with (program_number, PMT PID) entries.
-inline TsPkt ts_pat(const std::vector<std::pair<uint16_t, uint16_t>>& programs)
+// The body of a PAT section with (program_number, PMT PID) entries.
+inline std::vector<uint8_t> pat_body(const std::vector<std::pair<uint16_t, uint16_t>>& programs)
 {
     std::vector<uint8_t> body;
     psi_syntax_header(body, 1);
@@ -66,7 +66,12 @@ inline TsPkt ts_pat(const std::vector<std::pair<uint16_t, uint16_t>>& programs)
         body.push_back((uint8_t)(0xE0 | ((pid >> 8) & 0x1F)));
         body.push_back((uint8_t)(pid & 0xFF));
     }
-    return ts_section_pkt(0, 0x00, body);
+    return body;
+}
+
+inline TsPkt ts_pat(const std::vector<std::pair<uint16_t, uint16_t>>& programs)
+{
+    return ts_section_pkt(0, 0x00, pat_body(programs));
 }
 
 struct EsEntry {

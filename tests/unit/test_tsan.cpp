@@ -42,19 +42,6 @@ Bytes psi_section(uint8_t table_id, const Bytes& body, int section_length = -1)
     return s;
 }
 
-Bytes pat_body(const std::vector<std::pair<uint16_t, uint16_t>>& programs)
-{
-    Bytes body;
-    psi_syntax_header(body, 1);
-    for (const auto& [prog, pid] : programs) {
-        body.push_back((uint8_t)(prog >> 8));
-        body.push_back((uint8_t)(prog & 0xFF));
-        body.push_back((uint8_t)(0xE0 | ((pid >> 8) & 0x1F)));
-        body.push_back((uint8_t)(pid & 0xFF));
-    }
-    return body;
-}
-
 // A packet whose payload starts at byte `at`: an adaptation field with no
 // flags fills bytes 4 to at-1 (at 4: no adaptation field).
 TsPkt pkt_payload_at(uint16_t pid, bool unit_start, size_t at)
