@@ -107,7 +107,7 @@ char* mk_pidfile_name(const char* dir, const char* app, const char* strid, long 
         n = snprintf(buf, buflen, "%s/%s-%s.pid", dir, app, strid);
     else
         n = snprintf(buf, buflen, "%s/%s-%s%ld.pid", dir, app, strid, numid);
-    if (n >= 1 && (size_t)n <= buflen - 1) {
+    if (n >= 1 && (size_t)n < buflen) {
         buf[n] = '\0';
         return buf;
     }
