@@ -56,7 +56,7 @@ char* ms2timestr(uint64_t ms, char* str, size_t slen)
     const size_t min = (ms % HR_MS) / MIN_MS;
     const size_t sec = (ms % MIN_MS) / SEC_MS;
     const size_t msec = ms % SEC_MS;
-    const ssize_t n = snprintf(str, slen, "%02zu:%02zu:%02zu.%03zu", hr, min, sec, msec);
+    const ssize_t n = snprintf(str, slen - 1, "%02zu:%02zu:%02zu.%03zu", hr, min, sec, msec);
     VRX_ASSERT(n < (ssize_t)slen);
     return str;
 }

@@ -111,6 +111,26 @@ class ProgramTest(AnalyzerTestCase):
         self.assertEqual([t for _, t in prog.streams], [2])
 
 
+class NoAnalyzerGroupTest(AnalyzerTestCase):
+    def test_analysis_switched_on_without_a_group_idles_at_once_and_goes_on(self):
+        data = self.ts()
+        prog = tsmodel.Program(data)
+        p, w, log = self.start_live(["-A", "on", "-S", TAG])
+        os.write(w, data)
+        self.awaitLog(log, "skipped before analysis")
+        self.stop_live(p, w)
+        msgs = messages(read_text(log))
+        # With every limit at 0, each packet before the first analysed one
+        # is reported, and passed over.
+        idle = [m for m in msgs if "has been idling" in m]
+        first = prog.first_stream_packet(data)
+        self.assertEqual(idle, [f"(ERR) [{TAG}] has been idling for too long ({i}/0 packets)" for i in range(1, first)])
+        self.assertEqual(len([m for m in msgs if m == "(ERR) analyze_input: error processing seg[0], len=188"]),
+                         first - 1)
+        self.assertIn(f"(INF) [{TAG}] will use PMT (pid{prog.pmt_pid}) at pkt[{prog.pmt_at}]", msgs)
+        self.assertIn(f"(INF) analyze_pkt: {first - 1} skipped before analysis", msgs)
+
+
 class RtpProgramTest(AnalyzerTestCase):
     def test_rtp_is_sampled_one_packet_per_datagram(self):
         # A PAT every 20 ms, so that some stand first in their datagram.

@@ -250,6 +250,22 @@ TEST(ReportTiming, WithoutAStreamThePeriodNeverRestarts)
     EXPECT_EQ(an.tc->last_stats_dumped, 1000);
 }
 
+TEST(Report, TheFirstReportAfterAQuietPeriodHasNoLocalSample)
+{
+    Analyzer an(0, 100, 0);
+    an.program();
+    an.tc->pg.skip_pmt_out = 1;
+    inc_aval(&an.tc->stat.av_pcr_delta, 30);
+    inc_aval(&an.tc->stat.av_pcr_delta, 50);
+    tsan_reset_local_stats(an.t);
+    LogCapture alerts(DEBUG_level, &g_access_log);
+    tsan_alog_stats(an.t);
+    const std::string nan = nan_text();
+    EXPECT_NE(alerts.text().find("STAT PCR-delta ch1 4096 -1 " + nan + " 0 0 0 0 40.00 2 80 30 50\n"),
+              std::string::npos)
+        << alerts.text();
+}
+
 TEST(ReportTiming, ResetOfTheLocalStatisticsLeavesTheGlobalOnes)
 {
     Analyzer an(500, 100, 40);
