@@ -60,6 +60,14 @@ def wait_for(pred, timeout=10.0, step=0.02):
         time.sleep(step)
 
 
+def align_to_second(after=0.05):
+    """Sleeps to just after the start of the next second of the wall clock:
+    reports are timed in whole seconds, so a burst sent now stays within one
+    of them."""
+    now = time.time()
+    time.sleep(1.0 - (now - int(now)) + after)
+
+
 def read_text(path):
     try:
         with open(path, "r", errors="replace") as f:

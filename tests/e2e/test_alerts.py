@@ -9,7 +9,7 @@ import time
 import unittest
 
 import tsmodel
-from kstlib import KST, TcpFeed, make_ts, messages, need, read_text, wait_for
+from kstlib import KST, TcpFeed, align_to_second, make_ts, messages, need, read_text, wait_for
 from test_analyzer import TAG, AnalyzerTestCase
 from test_sources import free_udp_port
 
@@ -112,6 +112,7 @@ class LocalStatisticsTest(AnalyzerTestCase):
         w = feed.accept()
         self.assertIsNotNone(w, "kst never connected")
         third = len(data) // 3 // tsmodel.TS * tsmodel.TS
+        align_to_second()
         for n, chunk in enumerate((data[:third], data[third:2 * third], data[2 * third:])):
             os.write(w, chunk)
             if n < 2:

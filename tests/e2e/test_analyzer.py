@@ -9,7 +9,7 @@ import time
 import unittest
 
 import tsmodel
-from kstlib import KstTestCase, make_ts, messages, read_text, wait_for
+from kstlib import KstTestCase, align_to_second, make_ts, messages, read_text, wait_for
 from test_rtp_snapshot import RTP_LEN, ffmpeg_rtp_datagrams
 from test_sources import free_udp_port, send_dgrams
 
@@ -168,6 +168,7 @@ class ThroughputTest(AnalyzerTestCase):
         dgrams = [data[i:i + dgram] for i in range(0, len(data) - dgram + 1, dgram)]
 
         # A report comes with the first read a whole period after the last one.
+        align_to_second()
         sent, reports = 0, []
         for chunk in (dgrams[:100], dgrams[100:150]):
             send_dgrams(port, chunk)
