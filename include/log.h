@@ -158,6 +158,14 @@ int snprintf_btrace(char* buf, size_t buflen, const char* fmt, ...) VRX_PRINTF(3
         }                                                                                \
     } while (0)
 
+// A line of the alert log: no level word and no level test; a line that
+// could not be prepared is dropped.
+#define ALOG_LINE(fmt, ...)                                                              \
+    do {                                                                                 \
+        if (logbuf_prepare(&g_access_log, MIN_level, fmt __VA_OPT__(, ) __VA_ARGS__) > 0) \
+            log_flush(&g_access_log, MIN_level);                                         \
+    } while (0)
+
 // The logged assertion: a back trace at PANIC, the log flushed, then abort.
 #define LOG_ASSERT(cond)                                                                 \
     do {                                                                                 \

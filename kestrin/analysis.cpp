@@ -219,10 +219,8 @@ void output_tps()
     LOG_AT(INFO_level, "IN total: %s %.02f Kb, %.f dgrams at local:%.02f/global:%.02f Kbps, %.02f Kb cached\n", src,
            tps.total_bytes * kb, tps.total_pkts, tps.lavg_speed * kb, tps.gavg_speed * kb,
            (double)info.pld_size * kb);
-    if (logbuf_prepare(&g_access_log, MIN_level, "STAT TPS %s %.02f %.f %.02f %.02f %.02f\n", src,
-                       tps.total_bytes * kb, tps.total_pkts, tps.lavg_speed * kb, tps.gavg_speed * kb,
-                       (double)info.pld_size * kb) > 0)
-        log_flush(&g_access_log, MIN_level);
+    ALOG_LINE("STAT TPS %s %.02f %.f %.02f %.02f %.02f\n", src, tps.total_bytes * kb, tps.total_pkts,
+              tps.lavg_speed * kb, tps.gavg_speed * kb, (double)info.pld_size * kb);
 }
 
 }  // namespace

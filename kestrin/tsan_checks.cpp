@@ -7,6 +7,9 @@
 
 LOG_UNIT(LLMOD_DEFAULT);
 
+// Each alert goes to the application log at WARN, and its alert log form
+// only with access_log_alerts; LOST-SYNC always goes to both.
+
 namespace {
 
 const char* stamp_word(bool is_pts)
@@ -18,14 +21,6 @@ uint64_t stamp_of(const stream_info* si, bool is_pts)
 {
     return is_pts ? si->last_pts : si->last_dts;
 }
-
-// The alert log's form of an alert goes out only when asked for.
-#define ALERT_LOG(tc, fmt, ...)                                                           \
-    do {                                                                                  \
-        if ((tc)->cfg.access_log_alerts &&                                                \
-            logbuf_prepare(&g_access_log, MIN_level, fmt, __VA_ARGS__) > 0)               \
-            log_flush(&g_access_log, MIN_level);                                          \
-    } while (0)
 
 void dump_pcr_diff(tsan_ctx* tc, bool is_pts, const stream_info* si, uint64_t s_time, uint64_t delta_ms)
 {
@@ -45,8 +40,9 @@ void dump_pcr_diff(tsan_ctx* tc, bool is_pts, const stream_info* si, uint64_t s_
            "ALERT PCR-DELTA [%s] pcr:%s <> %s:%s %c:pcr(pid%u)/%c:%s(pid%u) = %lu [%s]/ %lu [%s] delta=%lu\n",
            tc->cfg.source, word, pg.pcr_ptag, tc->ptag, pcr_letter, pcr_spid, si->stype, word, si->pid, pg.last_pcr,
            pcr_str, s_time, s_str, delta_ms);
-    ALERT_LOG(tc, "ALERT PCR-DELTA %s %s %u %lu %u %lu %lu [%s]\n", tc->cfg.source, word, pg.pcr_pid, pg.last_pcr,
-              si->pid, s_time, delta_ms, tc->ptag);
+    if (tc->cfg.access_log_alerts)
+        ALOG_LINE("ALERT PCR-DELTA %s %s %u %lu %u %lu %lu [%s]\n", tc->cfg.source, word, pg.pcr_pid,
+                  pg.last_pcr, si->pid, s_time, delta_ms, tc->ptag);
 }
 
 void dump_time_info(tsan_ctx* tc, const char* msg, bool is_pts, uint64_t delta_ms, const stream_info* ref_si,
@@ -64,8 +60,9 @@ void dump_time_info(tsan_ctx* tc, const char* msg, bool is_pts, uint64_t delta_m
     LOG_AT(WARN_level, "ALERT %s [%s] %s %c:%s(pid%u)/%c:%s(pid%u) = %lu [%s]/%lu [%s] PCR=%lu [%s], delta=%lu\n",
            msg, tc->cfg.source, tc->ptag, ref_si->stype, word, ref_si->pid, si->stype, word, si->pid, ref_time,
            ref_str, s_time, s_str, tc->pg.last_pcr, pcr_str, delta_ms);
-    ALERT_LOG(tc, "ALERT %s %s %s %u %lu %u %lu %lu [%s]\n", msg, tc->cfg.source, word, ref_si->pid, ref_time,
-              si->pid, s_time, delta_ms, tc->ptag);
+    if (tc->cfg.access_log_alerts)
+        ALOG_LINE("ALERT %s %s %s %u %lu %u %lu %lu [%s]\n", msg, tc->cfg.source, word, ref_si->pid,
+                  ref_time, si->pid, s_time, delta_ms, tc->ptag);
 }
 
 }  // namespace
@@ -92,8 +89,9 @@ void pcr_freq_check(tsan_ctx* tc, uint64_t new_pcr)
     ms2timestr(new_pcr, new_pstr, TIMESTR_MAX - 1);
     LOG_AT(WARN_level, "ALERT PCR-FREQ pid=%u old/new: %lu [%s]/%lu [%s] delta=%lu\n", pg.pcr_pid, pg.last_pcr,
            last_pstr, new_pcr, new_pstr, delta_ms);
-    ALERT_LOG(tc, "ALERT PCR-FREQ %s %u %lu %lu %lu [%s]\n", tc->cfg.source, pg.pcr_pid, pg.last_pcr, new_pcr,
-              delta_ms, tc->ptag);
+    if (tc->cfg.access_log_alerts)
+        ALOG_LINE("ALERT PCR-FREQ %s %u %lu %lu %lu [%s]\n", tc->cfg.source, pg.pcr_pid, pg.last_pcr,
+                  new_pcr, delta_ms, tc->ptag);
     ++tc->stat.alert.pcr_freq;
 }
 
@@ -150,7 +148,7 @@ int tsan_alert_lostsync(tsan_t t)
 
 int tsan_alert_lostsync_at(tsan_t t, time_t now)
 {
-    auto* tc = static_cast<tsan_ctx*>(t);
+    tsan_ctx* tc = tsan_ctx_of(t);
     if (last_tm == 0) {
         last_tm = now;
     } else if (now - last_tm >= 3 && count <= 9) {
@@ -161,9 +159,7 @@ int tsan_alert_lostsync_at(tsan_t t, time_t now)
     ++tc->stat.alert.lost_sync;
     LOG_AT(WARN_level, "ALERT LOST-SYNC [%s] seq=%zu at %s\n", tc->cfg.source, count, tc->ptag);
     // Not bound to access_log_alerts: the caller asked for an alert log.
-    if (logbuf_prepare(&g_access_log, MIN_level, "ALERT LOST-SYNC %s %zu [%s]\n", tc->cfg.source, count,
-                       tc->ptag) > 0)
-        log_flush(&g_access_log, MIN_level);
+    ALOG_LINE("ALERT LOST-SYNC %s %zu [%s]\n", tc->cfg.source, count, tc->ptag);
     if (count < 10)
         return 0;
     LOG_AT(ERR_level, "%s: bailing out after %zu cases within %ld sec\n", "tsan_alert_lostsync", count,

@@ -76,6 +76,11 @@ struct tsan_ctx {
     time_t last_stats_dumped;
 };
 
+inline tsan_ctx* tsan_ctx_of(tsan_t t)
+{
+    return static_cast<tsan_ctx*>(t);
+}
+
 // Timing checks, called by the tracker.
 uint32_t pcr_delta_ms(uint64_t first, uint64_t last);
 void pcr_freq_check(tsan_ctx* tc, uint64_t new_pcr);

@@ -8,23 +8,11 @@
 
 LOG_UNIT(LLMOD_DEFAULT);
 
-// A line that could not be prepared is dropped.
-#define STAT_LINE(fmt, ...)                                                               \
-    do {                                                                                  \
-        if (logbuf_prepare(&g_access_log, MIN_level, fmt, __VA_ARGS__) > 0)               \
-            log_flush(&g_access_log, MIN_level);                                          \
-    } while (0)
-
 namespace {
-
-tsan_ctx* ctx_of(tsan_t t)
-{
-    return static_cast<tsan_ctx*>(t);
-}
 
 void log_aval_stats(const char* tag, const char* src, int ref_pid, int src_pid, const aggr_val* av)
 {
-    STAT_LINE("STAT %s %s %d %d %.02f %lu %lu %lu %lu %.02f %lu %lu %lu %lu\n", tag, src, ref_pid, src_pid,
+    ALOG_LINE("STAT %s %s %d %d %.02f %lu %lu %lu %lu %.02f %lu %lu %lu %lu\n", tag, src, ref_pid, src_pid,
               (double)av->total / (double)av->count, av->count, av->total, av->min, av->max,
               (double)av->g_total / (double)av->g_count, av->g_count, av->g_total, av->g_min, av->g_max);
 }
@@ -41,10 +29,10 @@ int pmt_pid_at(const tsan_ctx* tc, ssize_t idx)
 void log_pmt_stats(const tsan_ctx* tc)
 {
     const char* src = tc->cfg.source;
-    STAT_LINE("STAT PMTs %s %u %zu\n", src, tc->pg.curr_pmt_pid, tc->pg.nstreams);
+    ALOG_LINE("STAT PMTs %s %u %zu\n", src, tc->pg.curr_pmt_pid, tc->pg.nstreams);
     for (size_t i = 0; i < tc->pg.nstreams; ++i) {
         const stream_info& si = tc->stm[i];
-        STAT_LINE("STAT PMTi %s %u %c %lu %lu [%s]\n", src, si.pid, si.stype, si.pcount, si.acount,
+        ALOG_LINE("STAT PMTi %s %u %c %lu %lu [%s]\n", src, si.pid, si.stype, si.pcount, si.acount,
                   get_streamtype_txt(si.scode));
     }
 }
@@ -52,7 +40,7 @@ void log_pmt_stats(const tsan_ctx* tc)
 void log_prg_stats(const tsan_ctx* tc)
 {
     const sa_stats& st = tc->stat;
-    STAT_LINE("STAT PRG %s %u %lu %lu %lu %lu %lu %lu\n", tc->cfg.source, tc->pg.pcr_pid, st.pcount, st.acount,
+    ALOG_LINE("STAT PRG %s %u %lu %lu %lu %lu %lu %lu\n", tc->cfg.source, tc->pg.pcr_pid, st.pcount, st.acount,
               st.v_pcount, st.v_acount, st.a_pcount, st.a_acount);
 }
 
@@ -70,7 +58,7 @@ void log_prg_deltas(const tsan_ctx* tc)
 void log_alert_counters(const tsan_ctx* tc)
 {
     const alert_count& a = tc->stat.alert;
-    STAT_LINE("STAT ALERT-count %s %lu %lu %lu %lu %lu\n", tc->cfg.source, a.av_deltaplus, a.av_delta0, a.pcr_delta,
+    ALOG_LINE("STAT ALERT-count %s %lu %lu %lu %lu %lu\n", tc->cfg.source, a.av_deltaplus, a.av_delta0, a.pcr_delta,
               a.pcr_freq, a.lost_sync);
 }
 
@@ -83,7 +71,7 @@ bool tsan_check_dump_stats(FILE* fp, tsan_t t)
 
 bool tsan_check_dump_stats_at(FILE* fp, tsan_t t, time_t now)
 {
-    tsan_ctx* tc = ctx_of(t);
+    tsan_ctx* tc = tsan_ctx_of(t);
     if (tc->cfg.dump_stats_period == 0)
         return false;
     // The first report comes a whole period after the first call.
@@ -101,7 +89,7 @@ bool tsan_check_dump_stats_at(FILE* fp, tsan_t t, time_t now)
 
 void tsan_dump_stats(FILE* fp, tsan_t t)
 {
-    tsan_ctx* tc = ctx_of(t);
+    tsan_ctx* tc = tsan_ctx_of(t);
     const sa_stats& st = tc->stat;
     fprintf(fp, "BEGIN tsan_stats\n");
     fprintf(fp, "\tPackets:\n");
@@ -134,7 +122,7 @@ void tsan_dump_stats(FILE* fp, tsan_t t)
 
 void tsan_alog_stats(tsan_t t)
 {
-    tsan_ctx* tc = ctx_of(t);
+    tsan_ctx* tc = tsan_ctx_of(t);
     // The stream table goes out in the first report and every 256th.
     if (tc->pg.skip_pmt_out == 0)
         log_pmt_stats(tc);

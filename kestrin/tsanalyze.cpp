@@ -20,11 +20,6 @@ LOG_UNIT(LLMOD_DEFAULT);
 
 namespace {
 
-tsan_ctx* ctx_of(tsan_t t)
-{
-    return static_cast<tsan_ctx*>(t);
-}
-
 // Every message of the tracker names the packet by this tag: "pkt[%lu]",
 // and once a PCR was seen ":(pcr=%lu)+%lu", cut to 62 characters as the
 // formatted text would be. Made for every packet, so made by hand.
@@ -365,7 +360,7 @@ tsan_t tsan_init(const char* source, const tsan_config* cfg, int* err)
 
 void tsan_free(tsan_t t)
 {
-    tsan_ctx* tc = ctx_of(t);
+    tsan_ctx* tc = tsan_ctx_of(t);
     // An empty tag is taken for a context that is gone.
     if (tc->cfg.source[0] == '\0') {
         LOG_AT(WARN_level, "%s: avoiding double-freeing of tsan[] (%p)\n", "tsan_free", t);
@@ -377,7 +372,7 @@ void tsan_free(tsan_t t)
 
 int tsan_process(tsan_t t, const uint8_t* pkt, const uint8_t* end)
 {
-    tsan_ctx* tc = ctx_of(t);
+    tsan_ctx* tc = tsan_ctx_of(t);
     ++tc->stat.pcount;
     ++tc->pg.last_pkt_idx;
     mk_ptag(tc);
@@ -402,12 +397,12 @@ int tsan_process(tsan_t t, const uint8_t* pkt, const uint8_t* end)
 
 uint64_t tsan_get_pidx(tsan_t t)
 {
-    return ctx_of(t)->pg.last_pkt_idx;
+    return tsan_ctx_of(t)->pg.last_pkt_idx;
 }
 
 void tsan_set_pidx(tsan_t t, uint64_t new_pidx)
 {
-    tsan_ctx* tc = ctx_of(t);
+    tsan_ctx* tc = tsan_ctx_of(t);
     const uint64_t old = tc->pg.last_pkt_idx;
     tc->pg.last_pkt_idx = new_pidx;
     LOG_AT(WARN_level, "[%s] packet index changed from %lu to %lu\n", tc->cfg.source, old, new_pidx);
@@ -415,7 +410,7 @@ void tsan_set_pidx(tsan_t t, uint64_t new_pidx)
 
 void tsan_reset_local_stats(tsan_t t)
 {
-    tsan_ctx* tc = ctx_of(t);
+    tsan_ctx* tc = tsan_ctx_of(t);
     reset_aval(&tc->stat.av_pdts_delta);
     reset_aval(&tc->stat.av_pcr_delta);
     reset_aval(&tc->stat.av_pcr_freq);

@@ -19,6 +19,17 @@ constexpr size_t k_rota_name_sz = 160;
 
 log_detail::clock_fn g_clock = time;
 
+// "<name>.<stamp>", the name of a rotated file; false, with the reason on
+// stderr under fn, when it doesn't fit.
+bool rotated_name(char (&buf)[k_rota_name_sz], const char* name, time_t stamp, const char* fn)
+{
+    const int n = snprintf(buf, sizeof(buf), "%s.%lu", name, (unsigned long)stamp);
+    if (n >= 0 && (size_t)n < sizeof(buf))
+        return true;
+    fprintf(stderr, "%s: log log->name is too long (%d bytes), max=%lu\n", fn, n, (unsigned long)(sizeof(buf) - 1));
+    return false;
+}
+
 // The old file of slot idx goes, and the slot takes the new stamp.
 void handle_rotation(log_ctx* log, time_t now, const char* new_name)
 {
@@ -33,12 +44,8 @@ void handle_rotation(log_ctx* log, time_t now, const char* new_name)
 
     if (rota->tm[idx] != 0) {
         char old_name[k_rota_name_sz];
-        const int n = snprintf(old_name, sizeof(old_name), "%s.%lu", log->name, (unsigned long)rota->tm[idx]);
-        if (n < 0 || (size_t)n >= sizeof(old_name)) {
-            fprintf(stderr, "%s: log log->name is too long (%d bytes), max=%lu\n", "handle_rotation", n,
-                    (unsigned long)(sizeof(old_name) - 1));
+        if (!rotated_name(old_name, log->name, rota->tm[idx], "handle_rotation"))
             return;
-        }
         if (unlink(old_name) != 0) {
             const int err = errno;
             LOG_AT(ERR_level, "%s: unlink(%s) ERROR(%d) : %s\n", "handle_rotation", old_name, err, strerror(err));
@@ -85,12 +92,8 @@ int log_rotate_at(log_ctx* log, time_t now)
         return -1;
     }
     char new_name[k_rota_name_sz];
-    const int n = snprintf(new_name, sizeof(new_name), "%s.%lu", log->name, (unsigned long)now);
-    if (n < 0 || (size_t)n >= sizeof(new_name)) {
-        fprintf(stderr, "%s: log log->name is too long (%d bytes), max=%lu\n", fn, n,
-                (unsigned long)(sizeof(new_name) - 1));
+    if (!rotated_name(new_name, log->name, now, fn))
         return -1;
-    }
     if (fclose(log->fp) != 0) {
         const int err = errno;
         // The stream is gone whatever fclose said; what follows reaches the console.
