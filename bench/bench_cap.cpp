@@ -62,6 +62,66 @@ void BM_CapPerMegabyte(benchmark::State& state)
 }
 BENCHMARK(BM_CapPerMegabyte)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
 
+// The cap as the capture loop meets it: a full ring of range(0) MiB, one
+// datagram of seven 188-byte packets committed a turn, then the cap back to
+// the limit that keeps the reserve free. Message shape (no analyzer) in
+// range(1) == 0, packet shape in 1; in 2 the floor, the same turn with the
+// datagram released by hand and no walk at all: what touching the ring's
+// memory costs whatever the cap does. The cap's part (the difference) must
+// not depend on how much the ring holds.
+void BM_CapPerRead(benchmark::State& state)
+{
+    const size_t ring_sz = (size_t)state.range(0) * BYTES_IN_MB;
+    const bool per_packet = state.range(1) == 1;
+    const bool floor_only = state.range(1) == 2;
+    constexpr size_t kDgram = 7 * 188;
+    constexpr size_t kReserve = 4096;
+    mmr_t ring = nullptr;
+    if (mmr_create(&ring, ring_sz) != 0) {
+        state.SkipWithError("mmr_create failed");
+        return;
+    }
+    mm_ring* mr = static_cast<mm_ring*>(ring);
+    mr->stype = STY_MPEGTS;
+    mr->ts_len = 188;
+    mr->pld_pos = 0;
+    mr->opt.no_mtu_pack = per_packet;
+    uint8_t dgram[kDgram];
+    for (size_t i = 0; i < kDgram; ++i)
+        dgram[i] = (i % 188 == 0) ? TS_SYNC : (uint8_t)i;
+
+    const size_t limit = ring_sz - kReserve;
+    int failed = 0;
+    const auto one_read = [&] {
+        if (!floor_only) {
+            failed |= (mmr_cap(ring, limit) < 0);
+        } else if (mr->pld_size > limit) {
+            // The floor: the same bytes leave without any walk.
+            const iovec out{mr->buf + mr->pld_pos, kDgram};
+            mmr_oput(ring, &out, 1);
+        }
+        mm_point pt{};
+        uint8_t* dest = mmr_iget(ring, &pt);
+        memcpy(dest, dgram, kDgram);
+        pt.len = kDgram;
+        failed |= mmr_iput(ring, &pt);
+    };
+    // Filled once, so that every timed turn evicts.
+    while (mr->pld_size + kDgram <= limit)
+        one_read();
+    one_read();
+    for (auto _ : state)
+        one_read();
+    if (failed != 0)
+        state.SkipWithError("the cap failed");
+    state.SetLabel(floor_only ? "floor" : per_packet ? "packets" : "messages");
+    mmr_destroy(ring);
+}
+BENCHMARK(BM_CapPerRead)
+    ->ArgNames({"ring_mb", "shape"})
+    ->ArgsProduct({{1, 8, 64, 256}, {0, 1, 2}})
+    ->Unit(benchmark::kNanosecond);
+
 // One write of the whole payload, across the wrap, into a file in memory.
 void BM_SnapshotFullWrappedRing(benchmark::State& state)
 {

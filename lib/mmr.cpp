@@ -216,6 +216,8 @@ ssize_t mmr_oput(mmr_t ring, const iovec* iov, size_t count)
 
     LOG_ASSERT(mr->pld_size >= total);
     mr->pld_size -= total;
+    if (mr->synced_len != 0)
+        mmr_release_synced(mr, total);
     if (g_verbosity & MMR_OPUT_VERBOSE)
         LOG_AT(DEBUG_level, "%s: %zu/%zu datagrams/bytes out\n", "mmr_oput", count, total);
     return (ssize_t)mr->pld_size;

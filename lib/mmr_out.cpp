@@ -54,30 +54,36 @@ int mmr_pack_buf(mm_ring* mr, uint8_t* data, size_t data_size, iovec* iov, size_
 }
 
 // Whole packets in data, every step on a sync byte (also the first byte of a
-// partial packet at the end); -1 for a broken step.
-ssize_t count_ts_pkts(const uint8_t* data, size_t data_size, size_t ts_len)
+// partial packet at the end); -1 for a broken step. The steps below `from`
+// passed before and are not tested again.
+ssize_t count_ts_pkts(const uint8_t* data, size_t data_size, size_t ts_len, size_t from = 0)
 {
-    for (size_t off = 0; off < data_size; off += ts_len)
+    for (size_t off = (from + ts_len - 1) / ts_len * ts_len; off < data_size; off += ts_len)
         if (data[off] != TS_SYNC)
             return -1;
     return (ssize_t)(data_size / ts_len);
 }
 
 // Records of as many whole TS packets as fit in 1500 bytes: the message walk.
-int mmr_ts_pack_buf(mm_ring* mr, uint8_t* data, size_t data_size, iovec* iov, size_t* count)
+// On the ring (`synced` set) the walk resumes where the last one ended, so a
+// pass costs what arrived since, not what the ring holds.
+int mmr_ts_pack_buf(mm_ring* mr, uint8_t* data, size_t data_size, iovec* iov, size_t* count, size_t* synced)
 {
     LOG_ASSERT(mr->ts_len >= 1 && mr->ts_len <= MAX_TS_LEN - 1);
     const size_t dgram_len = k_msg_payload - k_msg_payload % mr->ts_len;
     if (data_size == 0)
         return EAGAIN;
 
-    const ssize_t npkts = count_ts_pkts(data, data_size, mr->ts_len);
+    const size_t from = (synced != nullptr && *synced <= data_size) ? *synced : 0;
+    const ssize_t npkts = count_ts_pkts(data, data_size, mr->ts_len, from);
     if (npkts == 0)
         return EAGAIN;
     if (npkts < 0) {
         LOG_AT(ERR_level, "%s: [%s] error counting packets\n", "mmr_ts_pack_buf", mr->sname);
         return -1;
     }
+    if (synced != nullptr)
+        *synced = data_size;
     const size_t nbytes = (size_t)npkts * mr->ts_len;
     size_t msg_count = (nbytes + dgram_len - 1) / dgram_len;
     if (msg_count > *count)
@@ -86,7 +92,9 @@ int mmr_ts_pack_buf(mm_ring* mr, uint8_t* data, size_t data_size, iovec* iov, si
     size_t n = 0;
     for (size_t pos = 0; n < msg_count && pos < nbytes; ++n) {
         const size_t len = (nbytes - pos < dgram_len) ? nbytes - pos : dgram_len;
-        LOG_ASSERT(data[pos] == TS_SYNC);
+        // Bytes below `from` passed before and can't have changed since:
+        // reading them again would cost a cache miss a record on a big ring.
+        LOG_ASSERT(pos < from || data[pos] == TS_SYNC);
         iov[n].iov_base = data + pos;
         iov[n].iov_len = len;
         pos += len;
@@ -134,8 +142,10 @@ int mmr_oget_buf(mmr_t ring, uint8_t* buf, size_t buflen, iovec* iov, size_t* co
     }
 
     size_t delta = 0;
-    bool found = false;
-    if (data_size != 0) {
+    // A head that an earlier walk passed is on sync: not read again, as on a
+    // big ring that read is a cache miss a pass.
+    bool found = (!external && mr->synced_len != 0 && mr->synced_len <= data_size);
+    if (data_size != 0 && !found) {
         for (;;) {
             if (mmr_sync_found(mr->stype.num, data + delta)) {
                 found = true;
@@ -155,6 +165,7 @@ int mmr_oget_buf(mmr_t ring, uint8_t* buf, size_t buflen, iovec* iov, size_t* co
             LOG_ASSERT(delta < data_size);
             if (!external) {
                 // The skipped bytes are gone: a snapshot no longer holds them.
+                mr->synced_len = 0;
                 mr->pld_pos += (off_t)delta;
                 if (mr->pld_pos >= (off_t)mr->buflen)
                     mr->pld_pos -= (off_t)mr->buflen;
@@ -173,7 +184,7 @@ int mmr_oget_buf(mmr_t ring, uint8_t* buf, size_t buflen, iovec* iov, size_t* co
     data_size -= delta;
     if (is_rtp_stream(mr) || mr->opt.no_mtu_pack)
         return mmr_pack_buf(mr, data, data_size, iov, count);
-    return mmr_ts_pack_buf(mr, data, data_size, iov, count);
+    return mmr_ts_pack_buf(mr, data, data_size, iov, count, external ? nullptr : &mr->synced_len);
 }
 
 int mmr_oget(mmr_t ring, iovec* iov, size_t* count)

@@ -17,8 +17,23 @@ struct mm_ring {
     size_t ddz_len;
     off_t pld_pos;
     size_t pld_size;
+    // Bytes from the head whose packet steps all passed the message walk's
+    // sync test. Stored bytes never change until they leave, so the next
+    // walk tests only what arrived since; whatever moves the head takes
+    // what it passes off this.
+    size_t synced_len;
     bool using_pktnums;
     int64_t first_pktnum;
     int64_t last_pktnum;
     mm_opt opt;
 };
+
+// The head has moved n bytes on: what stays verified is what lies beyond
+// them, and only while the packet grid is kept.
+inline void mmr_release_synced(mm_ring* mr, size_t n)
+{
+    if (mr->synced_len > n && n % mr->ts_len == 0)
+        mr->synced_len -= n;
+    else
+        mr->synced_len = 0;
+}

@@ -355,3 +355,177 @@ TEST(MmrOut, TheSyncSearchOnAFullTsRingReachesOnly214Bytes)
     EXPECT_EQ(ring.r()->pld_pos, 0);  // nothing shifted
     EXPECT_EQ(cap.text(), std::string("(ERR)  mmr_oget_buf: [") + ring.r()->sname + "] not a TS stream, giving up\n");
 }
+
+namespace {
+
+// A stream of 188-byte TS packets as a source would deliver it, cut into
+// reads of the given sizes; the capture loop's turn: cap, reserve, read,
+// commit.
+struct FedRing {
+    mmr_t h = nullptr;
+    size_t limit;
+    uint64_t stream_pos = 0;
+    explicit FedRing(size_t pages, bool per_packet)
+    {
+        EXPECT_EQ(mmr_create(&h, pages * kPage), 0);
+        mm_ring* mr = r();
+        mr->stype = STY_MPEGTS;
+        mr->ts_len = 188;
+        mr->pld_pos = 0;
+        mr->opt.no_mtu_pack = per_packet;
+        limit = pages * kPage - 1400;
+    }
+    ~FedRing() { mmr_destroy(h); }
+    mm_ring* r() const { return static_cast<mm_ring*>(h); }
+    static uint8_t byte_at(uint64_t pos) { return (pos % 188 == 0) ? TS_SYNC : (uint8_t)(pos * 7 + 1); }
+    // One read of n bytes; junk_at, counted from the read's start, breaks
+    // one packet's sync byte.
+    void read(size_t n, ssize_t junk_at = -1)
+    {
+        mm_point pt{};
+        uint8_t* dest = mmr_iget(h, &pt);
+        ASSERT_NE(dest, nullptr);
+        ASSERT_LE(n, pt.len);
+        for (size_t i = 0; i < n; ++i)
+            dest[i] = byte_at(stream_pos + i);
+        if (junk_at >= 0)
+            dest[junk_at] = 0x00;
+        stream_pos += n;
+        pt.len = n;
+        ASSERT_EQ(mmr_iput(h, &pt), 0);
+    }
+};
+
+}  // namespace
+
+TEST(MmrOut, CapReleasesTheSameRecordsAsAWalkOfTheWholeRingOverManyWraps)
+{
+    for (const bool per_packet : {false, true}) {
+        // Ring a resumes its walk where the last ended; ring b forgets, so
+        // every pass walks all it holds.
+        FedRing a(4, per_packet), b(4, per_packet);
+        uint32_t seed = 12345;
+        size_t turns = 0;
+        while (a.stream_pos < 40 * 4 * kPage) {
+            ++turns;
+            mmr_set_verbosity(MMR_CAP_VERBOSE | MMR_OGET_VERBOSE | MMR_OPUT_VERBOSE);
+            std::string texts[2];
+            ssize_t capped[2];
+            {
+                LogCapture cap;
+                capped[0] = mmr_cap(a.h, a.limit);
+                texts[0] = cap.text();
+            }
+            {
+                b.r()->synced_len = 0;
+                LogCapture cap;
+                capped[1] = mmr_cap(b.h, b.limit);
+                texts[1] = cap.text();
+            }
+            mmr_set_verbosity(0);
+            ASSERT_EQ(capped[0], capped[1]) << "turn " << turns;
+            ASSERT_EQ(texts[0], texts[1]) << "turn " << turns;
+            ASSERT_EQ(a.r()->pld_pos, b.r()->pld_pos);
+            ASSERT_EQ(a.r()->pld_size, b.r()->pld_size);
+            ASSERT_EQ(a.r()->first_pktnum, b.r()->first_pktnum);
+            // Reads of any size, packets cut anywhere, as a TCP source gives them.
+            seed = seed * 1103515245 + 12345;
+            const size_t n = 1 + (seed >> 8) % 1400;
+            const uint64_t whole_before = a.stream_pos / 188;
+            a.read(n);
+            b.read(n);
+            // Numbered as the analyzer numbers them: whole packets as they complete.
+            if (per_packet && a.stream_pos / 188 != whole_before) {
+                mmr_add_pkts(a.h, a.stream_pos / 188 - whole_before);
+                mmr_add_pkts(b.h, a.stream_pos / 188 - whole_before);
+            }
+        }
+        EXPECT_GT(turns, 300u);
+    }
+}
+
+TEST(MmrOut, JunkDeepBehindTheHeadOfAFullRingFailsTheFirstCapAfterItArrives)
+{
+    FedRing ring(16, false);
+    // Many laps of datagrams: the ring is full and its walk long resumed.
+    while (ring.stream_pos < 10 * 16 * kPage) {
+        ASSERT_GE(mmr_cap(ring.h, ring.limit), 0);
+        ring.read(1316);
+    }
+    ASSERT_GE(mmr_cap(ring.h, ring.limit), 0);
+    // The next datagram's fourth packet has lost its sync byte: it lies a
+    // whole ring behind the head.
+    ring.read(1316, 3 * 188);
+    const off_t pos = ring.r()->pld_pos;
+    const size_t size = ring.r()->pld_size;
+    ASSERT_GT(size, ring.limit);
+    LogCapture cap;
+    EXPECT_EQ(mmr_cap(ring.h, ring.limit), -1);
+    EXPECT_EQ(cap.text(), std::string("(ERR)  mmr_ts_pack_buf: [") + ring.r()->sname +
+                              "] error counting packets\n"
+                              "(ERR)  mmr_cap_pp: mmr_oget() ERROR(-1)\n");
+    // Nothing left the ring, and the next pass fails the same way.
+    EXPECT_EQ(ring.r()->pld_pos, pos);
+    EXPECT_EQ(ring.r()->pld_size, size);
+    cap.clear();
+    EXPECT_EQ(mmr_cap(ring.h, ring.limit), -1);
+    EXPECT_EQ(cap.text(), std::string("(ERR)  mmr_ts_pack_buf: [") + ring.r()->sname +
+                              "] error counting packets\n"
+                              "(ERR)  mmr_cap_pp: mmr_oget() ERROR(-1)\n");
+}
+
+TEST(MmrOut, JunkInAPartialPacketAtTheTailFailsTheFirstCapAfterIt)
+{
+    FedRing ring(4, false);
+    while (ring.stream_pos < 5 * 4 * kPage) {
+        ASSERT_GE(mmr_cap(ring.h, ring.limit), 0);
+        ring.read(1000);
+    }
+    ASSERT_GE(mmr_cap(ring.h, ring.limit), 0);
+    // A read that ends one byte into a packet whose first byte is wrong.
+    const size_t to_next = 188 - (size_t)(ring.stream_pos % 188);
+    ring.read(to_next + 1, (ssize_t)to_next);
+    LogCapture cap;
+    EXPECT_EQ(mmr_cap(ring.h, ring.limit), -1);
+    EXPECT_EQ(cap.text(), std::string("(ERR)  mmr_ts_pack_buf: [") + ring.r()->sname +
+                              "] error counting packets\n"
+                              "(ERR)  mmr_cap_pp: mmr_oget() ERROR(-1)\n");
+}
+
+TEST(MmrOut, AShiftAtTheHeadForgetsWhatThePreviousWalkPassed)
+{
+    // A clean walk, then junk that the head meets: the shift and its line
+    // as on a fresh ring, and the records that follow from the new head.
+    auto data = ts_packets(20);
+    Ring ring(data);
+    iovec iov[32] = {};
+    size_t count = 32;
+    ASSERT_EQ(mmr_oget(ring.h, iov, &count), 0);
+    EXPECT_EQ(ring.r()->synced_len, data.size());
+    // Stored bytes only change here because the test reaches in: the head
+    // packet's sync byte gone, as if the head had moved onto junk.
+    ring.r()->buf[0] = 0x00;
+    ring.r()->synced_len = 0;
+    LogCapture cap;
+    count = 32;
+    ASSERT_EQ(mmr_oget(ring.h, iov, &count), 0);
+    EXPECT_EQ(cap.text(), std::string("(WRN)  mmr_oget_buf: [") + ring.r()->sname + "] shifting 188 bytes to TS-sync\n");
+    EXPECT_EQ(ring.r()->pld_pos, 188);
+    EXPECT_EQ(ring.r()->synced_len, 19u * 188);
+}
+
+TEST(MmrOut, ReleasingOffTheGridForgetsWhatWasPassed)
+{
+    auto data = ts_packets(20);
+    Ring ring(data);
+    iovec iov[32] = {};
+    size_t count = 32;
+    ASSERT_EQ(mmr_oget(ring.h, iov, &count), 0);
+    ASSERT_EQ(ring.r()->synced_len, 20u * 188);
+    iovec out{ring.r()->buf, 2 * 188};
+    mmr_oput(ring.h, &out, 1);
+    EXPECT_EQ(ring.r()->synced_len, 18u * 188);
+    out.iov_len = 100;
+    mmr_oput(ring.h, &out, 1);
+    EXPECT_EQ(ring.r()->synced_len, 0u);
+}
