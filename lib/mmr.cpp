@@ -226,8 +226,25 @@ ssize_t mmr_oput(mmr_t ring, const iovec* iov, size_t count)
 ssize_t mmr_snapshot(mmr_t ring, int fd)
 {
     mm_ring* mr = as_ring(ring);
-    if (mr->pld_pos >= 0 && mr->pld_size != 0)
-        return W_write_f("mmr_snapshot", fd, mr->buf + mr->pld_pos, mr->pld_size, 0);
+    if (mr->pld_pos >= 0 && mr->pld_size != 0) {
+        // One write as a rule. A short one (a signal, a full disk, a file
+        // size limit) is carried on until the payload is out or a call
+        // fails: only a whole payload counts as written.
+        const uint8_t* from = mr->buf + mr->pld_pos;
+        ssize_t rc = W_write_f("mmr_snapshot", fd, from, mr->pld_size, 0);
+        size_t done = (rc > 0) ? (size_t)rc : 0;
+        while (rc > 0 && done < mr->pld_size) {
+            rc = W_write_f("mmr_snapshot", fd, from + done, mr->pld_size - done, 0);
+            if (rc > 0)
+                done += (size_t)rc;
+        }
+        if (done == mr->pld_size)
+            return (ssize_t)done;
+        if (done == 0)
+            return rc;
+        LOG_AT(ERR_level, "%s: [%s] %zu of %zu bytes written\n", "mmr_snapshot", mr->sname, done, mr->pld_size);
+        return -1;
+    }
 
     LOG_AT(WARN_level, "%s: no payload, nothing to write\n", "mmr_snapshot");
     return 0;

@@ -1,14 +1,21 @@
 // The ring: written through one view, read through the other, across the wrap.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "childrun.h"
 #include "logcap.h"
 #include "mmr.h"
 #include "mmr_ring.h"
@@ -514,4 +521,93 @@ TEST(Mmr, ManyWrapsKeepTheNewestBytes)
     }
     std::vector<uint8_t> held(mr->buf + mr->pld_pos, mr->buf + mr->pld_pos + mr->pld_size);
     EXPECT_TRUE(std::equal(held.begin(), held.end(), all.end() - (long)held.size()));
+}
+
+namespace {
+
+void no_restart_handler(int) {}
+
+// A payload of pages pages in a known ring, from offset 0.
+std::vector<uint8_t> fill_known(mmr_t h, size_t n)
+{
+    return put(h, n, 9);
+}
+
+}  // namespace
+
+TEST(Mmr, ASnapshotCutShortByASignalGoesOnToTheWholePayload)
+{
+    const size_t n = 16 * kPage;
+    Ring ring(n);
+    const auto want = fill_known(ring.h, n);
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    ASSERT_GE(fcntl(p[1], F_SETPIPE_SZ, (int)kPage), (int)kPage);
+    struct sigaction sa = {}, old = {};
+    sa.sa_handler = no_restart_handler;  // no SA_RESTART: the write returns what it wrote
+    ASSERT_EQ(sigaction(SIGUSR1, &sa, &old), 0);
+
+    const pthread_t writer = pthread_self();
+    std::vector<uint8_t> got;
+    bool interrupted = false;
+    std::thread reader([&] {
+        // The pipe is full while the write still holds most of the payload:
+        // the writer waits inside its one write, and the signal cuts it short.
+        int queued = 0;
+        for (int i = 0; i < 5000 && queued < (int)kPage; ++i) {
+            (void)ioctl(p[0], FIONREAD, &queued);
+            if (queued < (int)kPage)
+                usleep(1000);
+        }
+        interrupted = (queued == (int)kPage);
+        pthread_kill(writer, SIGUSR1);
+        uint8_t buf[4096];
+        ssize_t r;
+        while ((r = read(p[0], buf, sizeof(buf))) > 0)
+            got.insert(got.end(), buf, buf + r);
+    });
+    LogCapture cap;
+    const ssize_t nwr = mmr_snapshot(ring.h, p[1]);
+    close(p[1]);
+    reader.join();
+    close(p[0]);
+    sigaction(SIGUSR1, &old, nullptr);
+    ASSERT_TRUE(interrupted) << "the pipe never filled";
+    EXPECT_EQ(nwr, (ssize_t)n);
+    EXPECT_EQ(got, want);
+    EXPECT_EQ(cap.text(), "");
+}
+
+TEST(Mmr, ASnapshotThatCannotBeFinishedSaysHowMuchLandedAndFails)
+{
+    const size_t n = 3 * kPage;
+    const size_t limit = 10000;
+    run_in_child([] { return std::string(); },
+                 [&] {
+                     Ring ring(n);
+                     const auto want = fill_known(ring.h, n);
+                     const rlimit rl{limit, limit};
+                     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &rl), 0);
+                     signal(SIGXFSZ, SIG_IGN);
+                     char path[] = "/tmp/kst-snap-XXXXXX";
+                     const int fd = mkstemp(path);
+                     ASSERT_GE(fd, 0);
+                     LogCapture cap;
+                     EXPECT_EQ(mmr_snapshot(ring.h, fd), -1);
+                     EXPECT_THAT(cap.text(),
+                                 ::testing::MatchesRegex(
+                                     "\\(ERR\\)  mmr_snapshot: write\\([0-9]+, 0x[0-9a-f]+, " +
+                                     std::to_string(n - limit) + "\\) ERROR\\(" + std::to_string(EFBIG) +
+                                     "\\): [^\n]*\n"
+                                     "\\(ERR\\)  mmr_snapshot: \\[/mmr\\.[0-9]+\\.[0-9]+\\] " +
+                                     std::to_string(limit) + " of " + std::to_string(n) + " bytes written\n"));
+                     // The file keeps what landed.
+                     std::vector<uint8_t> got(n);
+                     EXPECT_EQ(pread(fd, got.data(), n, 0), (ssize_t)limit);
+                     got.resize(limit);
+                     EXPECT_EQ(got, std::vector<uint8_t>(want.begin(), want.begin() + limit));
+                     close(fd);
+                     unlink(path);
+                 },
+                 "the size-limited writer");
 }
