@@ -55,6 +55,14 @@ int plat_mcast_reader_opts(int fd, int family);
 // that address had none).
 uint32_t plat_ipv6_scope_id(uint32_t found, const char* ifc_name);
 
+// Sets a socket's receive buffer beyond the system's ceiling, where the
+// process may: 0, or -1 with errno (EPERM where it may not, ENOPROTOOPT where
+// the platform has no such way).
+int plat_sock_rcvbuf_force(int fd, int length);
+
+// The receive buffer a socket has, in the measure it was asked in; -1 with errno.
+long plat_sock_rcvbuf_granted(int fd);
+
 // Makes a negative socket time-out one that setsockopt refuses with EDOM.
 void plat_sock_timeout_value(timeval* tv);
 

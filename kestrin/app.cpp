@@ -8,6 +8,7 @@
 #include "analysis.h"
 #include "kst.h"
 #include "netops.h"
+#include "platform.h"
 #include "log.h"
 #include "syswrap.h"
 #include "uri.h"
@@ -30,6 +31,32 @@ bool is_dgram_kind(int kind)
 }
 
 namespace {
+
+// Only when the configuration asks: the receive buffer of a datagram source
+// is what holds the stream while the loop writes a snapshot.
+void size_source_rcvbuf()
+{
+    if (g_cfg.rcvbuf_kb == 0)
+        return;
+    if (g_ctx.mode.num != SM_PKT.num) {
+        LOG_AT(WARN_level, "%s: [%s] is no datagram source, receive buffer left as it is\n", "init_ksti_ctx",
+               g_cfg.src_url);
+        return;
+    }
+    const int fd = g_ctx.ssock;
+    const int want = (int)(g_cfg.rcvbuf_kb * 1024);
+    // Past the system's ceiling where the process may, else up to it.
+    if (plat_sock_rcvbuf_force(fd, want) != 0 && set_socket_rcvbuf(fd, (size_t)want) != 0)
+        return;
+    const long got = plat_sock_rcvbuf_granted(fd);
+    if (got < 0) {
+        LOG_AT(ERR_level, "%s: getsockopt(fd%d, SO_RCVBUF) ERROR(%d): %s\n", "init_ksti_ctx", fd, errno,
+               strerror(errno));
+        return;
+    }
+    LOG_AT(got < want ? WARN_level : INFO_level, "%s: fd%d receive buffer: %zu KiB asked, %ld KiB granted\n",
+           "init_ksti_ctx", fd, g_cfg.rcvbuf_kb, got / 1024);
+}
 
 // Opens the source with the ring's first write area lent to it, so bytes
 // that arrive behind a protocol head land in the ring in place.
@@ -60,6 +87,7 @@ int open_source(mm_point& pt)
 
     g_ctx.mode = is_dgram_kind(g_ctx.uc.url_kind) ? SM_PKT : SM_STM;
     LOG_AT(DEBUG_level, "%s: mode=%s\n", "init_ksti_ctx", g_ctx.mode.sym);
+    size_source_rcvbuf();
 
     if (g_ctx.uc.buflen != 0) {
         VRX_ASSERT(SM_STM.num == g_ctx.mode.num);

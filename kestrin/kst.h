@@ -19,6 +19,9 @@ constexpr size_t D_MINREAD_BYTES = 4096;
 constexpr size_t MIN_MINREAD_BYTES = 1400;
 constexpr size_t TAILBUF_SIZE = 1024;
 constexpr size_t MAX_USOCK_SZ = 104;
+// The largest receive buffer a datagram source may ask for: its size in
+// bytes must fit the socket option's int.
+constexpr int MAX_RCVBUF_KB = 2097151;
 
 constexpr int D_KST_MAX_LOGSZ = 4;
 constexpr int D_KST_MAX_FILES = 4;
@@ -68,6 +71,7 @@ struct ksti_cfg {
     size_t tail_sz_mb;
     size_t tail_tm_ms;
     char mcast_ifc[16];
+    size_t rcvbuf_kb;  // a datagram source's receive buffer; 0 leaves the system's
     size_t min_read_bytes;
     char snap_dir[FILE_PATH_MAX];
     char snap_pfx[16];

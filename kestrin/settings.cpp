@@ -55,6 +55,21 @@ int load_log_section(const char* path, log_cfg* dst, unsigned instance)
     return rc;
 }
 
+// Optional: without the key the source keeps the system's buffer and the
+// report says nothing of it.
+int load_rcvbuf(ksti_cfg* cfg)
+{
+    int kb = 0;
+    if (config_lookup_int(&g_libcfg, "kst.source.rcvbuf_kb", &kb) != CONFIG_TRUE)
+        return 0;
+    if (kb < 1 || kb > MAX_RCVBUF_KB) {
+        LOG_AT(ERR_level, "%s: kst.source.rcvbuf_kb=%d is out of range [1..%d]\n", "load_config", kb, MAX_RCVBUF_KB);
+        return -1;
+    }
+    cfg->rcvbuf_kb = (size_t)kb;
+    return 0;
+}
+
 // Read only at the first load.
 int load_start_only(ksti_cfg* cfg)
 {
@@ -86,7 +101,7 @@ int load_start_only(ksti_cfg* cfg)
         return rc;
     cfg->cache_sz_mb = lookup_size("kst.cache.size_mb", (int)D_KST_CACHE_MB);
     cfg->read_tmout_ms = lookup_int("kst.source.read_tmout_ms", D_KST_READ_TMOUT_MS);
-    return 0;
+    return load_rcvbuf(cfg);
 }
 
 // Read at the first load and at every reload.
@@ -220,6 +235,8 @@ void dump_config(FILE* fp, const ksti_cfg* cfg)
     fprintf(fp, "\tURL            = %s\n", cfg->src_url);
     fprintf(fp, "\tRead time-out  = %d ms\n", cfg->read_tmout_ms);
     fprintf(fp, "\tMulticast ifc  = %s\n", cfg->mcast_ifc);
+    if (cfg->rcvbuf_kb != 0)
+        fprintf(fp, "\tRecv buffer    = %zu KiB\n", cfg->rcvbuf_kb);
     fprintf(fp, "\tHTTP/1.0 GET   = %s\n", yes_no(cfg->use_http10_get));
 
     fputs("Cache:\n", fp);

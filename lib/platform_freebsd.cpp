@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <assert.h>
+#include <errno.h>
 #include <getopt.h>
 #include <unistd.h>
 
@@ -71,6 +72,25 @@ uint32_t plat_ipv6_scope_id(uint32_t found, const char* ifc_name)
 {
     (void)ifc_name;
     return found;
+}
+
+// No way past kern.ipc.maxsockbuf from a socket option: SO_RCVBUF alone.
+int plat_sock_rcvbuf_force(int fd, int length)
+{
+    (void)fd;
+    (void)length;
+    errno = ENOPROTOOPT;
+    return -1;
+}
+
+// SO_RCVBUF reports what was granted, as it was asked.
+long plat_sock_rcvbuf_granted(int fd)
+{
+    int v = 0;
+    socklen_t len = sizeof(v);
+    if (getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &v, &len) != 0)
+        return -1;
+    return v;
 }
 
 // A negative time-out is refused with EDOM by the system itself.

@@ -152,6 +152,24 @@ uint32_t plat_ipv6_scope_id(uint32_t found, const char* ifc_name)
     return if_nametoindex(ifc_name);
 }
 
+// SO_RCVBUF is capped silently by net.core.rmem_max; the super-user can go
+// past it with SO_RCVBUFFORCE.
+int plat_sock_rcvbuf_force(int fd, int length)
+{
+    return setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &length, sizeof(length));
+}
+
+// The kernel doubles what it is asked for (room for its own bookkeeping)
+// and reports the doubled value: halved, it reads in the caller's measure.
+long plat_sock_rcvbuf_granted(int fd)
+{
+    int v = 0;
+    socklen_t len = sizeof(v);
+    if (getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &v, &len) != 0)
+        return -1;
+    return v / 2;
+}
+
 // SO_RCVTIMEO and SO_SNDTIMEO with a negative whole-second part are taken
 // here as no time-out at all; a negative fraction is refused with EDOM, as
 // the target refuses every negative time-out.
