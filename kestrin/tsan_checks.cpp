@@ -38,11 +38,11 @@ void dump_pcr_diff(tsan_ctx* tc, bool is_pts, const stream_info* si, uint64_t s_
     }
     LOG_AT(WARN_level,
            "ALERT PCR-DELTA [%s] pcr:%s <> %s:%s %c:pcr(pid%u)/%c:%s(pid%u) = %lu [%s]/ %lu [%s] delta=%lu\n",
-           tc->cfg.source, word, pg.pcr_ptag, tc->ptag, pcr_letter, pcr_spid, si->stype, word, si->pid, pg.last_pcr,
+           tc->cfg.source, word, tsan_pcr_ptag(tc), tsan_ptag(tc), pcr_letter, pcr_spid, si->stype, word, si->pid, pg.last_pcr,
            pcr_str, s_time, s_str, delta_ms);
     if (tc->cfg.access_log_alerts)
         ALOG_LINE("ALERT PCR-DELTA %s %s %u %lu %u %lu %lu [%s]\n", tc->cfg.source, word, pg.pcr_pid,
-                  pg.last_pcr, si->pid, s_time, delta_ms, tc->ptag);
+                  pg.last_pcr, si->pid, s_time, delta_ms, tsan_ptag(tc));
 }
 
 void dump_time_info(tsan_ctx* tc, const char* msg, bool is_pts, uint64_t delta_ms, const stream_info* ref_si,
@@ -58,11 +58,11 @@ void dump_time_info(tsan_ctx* tc, const char* msg, bool is_pts, uint64_t delta_m
     ms2timestr(tc->pg.last_pcr / 90, pcr_str, TIMESTR_MAX - 1);
     const char* word = stamp_word(is_pts);
     LOG_AT(WARN_level, "ALERT %s [%s] %s %c:%s(pid%u)/%c:%s(pid%u) = %lu [%s]/%lu [%s] PCR=%lu [%s], delta=%lu\n",
-           msg, tc->cfg.source, tc->ptag, ref_si->stype, word, ref_si->pid, si->stype, word, si->pid, ref_time,
+           msg, tc->cfg.source, tsan_ptag(tc), ref_si->stype, word, ref_si->pid, si->stype, word, si->pid, ref_time,
            ref_str, s_time, s_str, tc->pg.last_pcr, pcr_str, delta_ms);
     if (tc->cfg.access_log_alerts)
         ALOG_LINE("ALERT %s %s %s %u %lu %u %lu %lu [%s]\n", msg, tc->cfg.source, word, ref_si->pid,
-                  ref_time, si->pid, s_time, delta_ms, tc->ptag);
+                  ref_time, si->pid, s_time, delta_ms, tsan_ptag(tc));
 }
 
 }  // namespace
@@ -91,7 +91,7 @@ void pcr_freq_check(tsan_ctx* tc, uint64_t new_pcr)
            last_pstr, new_pcr, new_pstr, delta_ms);
     if (tc->cfg.access_log_alerts)
         ALOG_LINE("ALERT PCR-FREQ %s %u %lu %lu %lu [%s]\n", tc->cfg.source, pg.pcr_pid, pg.last_pcr,
-                  new_pcr, delta_ms, tc->ptag);
+                  new_pcr, delta_ms, tsan_ptag(tc));
     ++tc->stat.alert.pcr_freq;
 }
 
@@ -157,9 +157,9 @@ int tsan_alert_lostsync_at(tsan_t t, time_t now)
     }
     ++count;
     ++tc->stat.alert.lost_sync;
-    LOG_AT(WARN_level, "ALERT LOST-SYNC [%s] seq=%zu at %s\n", tc->cfg.source, count, tc->ptag);
+    LOG_AT(WARN_level, "ALERT LOST-SYNC [%s] seq=%zu at %s\n", tc->cfg.source, count, tsan_ptag(tc));
     // Not bound to access_log_alerts: the caller asked for an alert log.
-    ALOG_LINE("ALERT LOST-SYNC %s %zu [%s]\n", tc->cfg.source, count, tc->ptag);
+    ALOG_LINE("ALERT LOST-SYNC %s %zu [%s]\n", tc->cfg.source, count, tsan_ptag(tc));
     if (count < 10)
         return 0;
     LOG_AT(ERR_level, "%s: bailing out after %zu cases within %ld sec\n", "tsan_alert_lostsync", count,

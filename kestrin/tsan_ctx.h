@@ -38,11 +38,21 @@ struct stream_info {
     uint64_t acount;
 };
 
+// What a packet's tag names, as it stood when the packet came in. The text
+// is made only for a message that names it: most packets name none.
+struct ptag_src {
+    uint64_t pkt_idx;
+    uint64_t pcr;
+    uint64_t pcr_pktnum;
+    bool got_pcr;
+};
+
 struct program_info {
     size_t nstreams;
     uint64_t last_pcr;  // PCR base, 90 kHz ticks; 0 before the first
     uint64_t pcr_pktnum;
-    char pcr_ptag[PTAG_MAX];
+    ptag_src pcr_at;  // the tag of the packet that brought the last PCR
+    char pcr_ptag[PTAG_MAX];  // its text, made when named
     bool got_pcr;
     unsigned pmt_pid[MAX_PMTS];  // in PAT order; 0 ends the list
     unsigned pcr_pid;
@@ -72,7 +82,9 @@ struct tsan_ctx {
     program_info pg;
     sa_stats stat;
     stream_info stm[MAX_NSTREAMS];
-    char ptag[PTAG_MAX];  // tag of the current packet
+    ptag_src at;  // tag of the current packet
+    char ptag[PTAG_MAX];  // its text, once made
+    bool ptag_made;
     time_t last_stats_dumped;
 };
 
@@ -80,6 +92,11 @@ inline tsan_ctx* tsan_ctx_of(tsan_t t)
 {
     return static_cast<tsan_ctx*>(t);
 }
+
+// The tags that messages name: "pkt[%lu]", and once a PCR was seen
+// ":(pcr=%lu)+%lu", cut to 62 characters. Made on first use for the packet.
+const char* tsan_ptag(tsan_ctx* tc);
+const char* tsan_pcr_ptag(tsan_ctx* tc);
 
 // Timing checks, called by the tracker.
 uint32_t pcr_delta_ms(uint64_t first, uint64_t last);

@@ -179,7 +179,7 @@ TEST_F(Tsan, InitZeroesContextAndSetsIndexesToMinusOne)
     EXPECT_EQ(tc->pg.pcr_pid, 0u);
     EXPECT_FALSE(tc->pg.got_pcr);
     EXPECT_EQ(tc->stat.pcount, 0u);
-    EXPECT_EQ(tc->ptag[0], '\0');
+    EXPECT_EQ(tsan_ptag(tc)[0], '\0');
     EXPECT_EQ(tsan_get_pidx(t), 0u);
 }
 
@@ -243,13 +243,13 @@ TEST_F(Tsan, PtagBeforeFirstPcrIsIndexOnly)
 {
     start();
     ASSERT_EQ(feed(ts_pat({{1, kPmtPid}})), 0);
-    EXPECT_STREQ(tc->ptag, "pkt[1]");
+    EXPECT_STREQ(tsan_ptag(tc), "pkt[1]");
     ASSERT_EQ(feed(ts_pmt(kPmtPid, kVPid, {{2, kVPid}, {3, kAPid}})), 0);
-    EXPECT_STREQ(tc->ptag, "pkt[2]");
+    EXPECT_STREQ(tsan_ptag(tc), "pkt[2]");
     ASSERT_EQ(feed(ts_pes(kAPid, 900000)), 0);
-    EXPECT_STREQ(tc->ptag, "pkt[3]");
+    EXPECT_STREQ(tsan_ptag(tc), "pkt[3]");
     ASSERT_EQ(feed(ts_bare(kOtherPid, false)), 0);
-    EXPECT_STREQ(tc->ptag, "pkt[4]");
+    EXPECT_STREQ(tsan_ptag(tc), "pkt[4]");
 }
 
 TEST_F(Tsan, PtagAfterFirstPcrNamesPcrAndDistance)
@@ -258,18 +258,18 @@ TEST_F(Tsan, PtagAfterFirstPcrNamesPcrAndDistance)
     start_program();
     ASSERT_EQ(feed(ts_pcr(kVPid, 900000)), 0);  // pkt 3
     // The PCR's own packet was tagged before the PCR was taken.
-    EXPECT_STREQ(tc->ptag, "pkt[3]");
-    EXPECT_STREQ(tc->pg.pcr_ptag, "pkt[3]");
+    EXPECT_STREQ(tsan_ptag(tc), "pkt[3]");
+    EXPECT_STREQ(tsan_pcr_ptag(tc), "pkt[3]");
     EXPECT_EQ(tc->pg.pcr_pktnum, 3u);
     ASSERT_EQ(feed(ts_bare(kOtherPid, false)), 0);
-    EXPECT_STREQ(tc->ptag, "pkt[4]:(pcr=900000)+1");
+    EXPECT_STREQ(tsan_ptag(tc), "pkt[4]:(pcr=900000)+1");
     ASSERT_EQ(feed(ts_bare(kOtherPid, false)), 0);
-    EXPECT_STREQ(tc->ptag, "pkt[5]:(pcr=900000)+2");
+    EXPECT_STREQ(tsan_ptag(tc), "pkt[5]:(pcr=900000)+2");
     ASSERT_EQ(feed(ts_pcr(kVPid, 909000)), 0);  // pkt 6
-    EXPECT_STREQ(tc->ptag, "pkt[6]:(pcr=900000)+3");
-    EXPECT_STREQ(tc->pg.pcr_ptag, "pkt[6]:(pcr=900000)+3");
+    EXPECT_STREQ(tsan_ptag(tc), "pkt[6]:(pcr=900000)+3");
+    EXPECT_STREQ(tsan_pcr_ptag(tc), "pkt[6]:(pcr=900000)+3");
     ASSERT_EQ(feed(ts_bare(kOtherPid, false)), 0);
-    EXPECT_STREQ(tc->ptag, "pkt[7]:(pcr=909000)+1");
+    EXPECT_STREQ(tsan_ptag(tc), "pkt[7]:(pcr=909000)+1");
 }
 
 TEST_F(Tsan, PtagDistanceWrapsAfterSetPidxUntilNextPcr)
@@ -278,24 +278,24 @@ TEST_F(Tsan, PtagDistanceWrapsAfterSetPidxUntilNextPcr)
     start_program();
     ASSERT_EQ(feed(ts_pcr(kVPid, 900000)), 0);  // pkt 3
     ASSERT_EQ(feed(ts_bare(kOtherPid, false)), 0);
-    EXPECT_STREQ(tc->ptag, "pkt[4]:(pcr=900000)+1");
+    EXPECT_STREQ(tsan_ptag(tc), "pkt[4]:(pcr=900000)+1");
     clear_log();
     tsan_set_pidx(t, 1);
     EXPECT_EQ(log(), "(WRN)  [src] packet index changed from 4 to 1\n");
     ASSERT_EQ(feed(ts_bare(kOtherPid, false)), 0);  // index 2, PCR at 3
-    EXPECT_STREQ(tc->ptag, "pkt[2]:(pcr=900000)+18446744073709551615");
+    EXPECT_STREQ(tsan_ptag(tc), "pkt[2]:(pcr=900000)+18446744073709551615");
     ASSERT_EQ(feed(ts_bare(kOtherPid, false)), 0);
-    EXPECT_STREQ(tc->ptag, "pkt[3]:(pcr=900000)+0");
+    EXPECT_STREQ(tsan_ptag(tc), "pkt[3]:(pcr=900000)+0");
     ASSERT_EQ(feed(ts_bare(kOtherPid, false)), 0);
-    EXPECT_STREQ(tc->ptag, "pkt[4]:(pcr=900000)+1");
+    EXPECT_STREQ(tsan_ptag(tc), "pkt[4]:(pcr=900000)+1");
 
     tsan_set_pidx(t, 0);
     ASSERT_EQ(feed(ts_bare(kOtherPid, false)), 0);  // index 1
-    EXPECT_STREQ(tc->ptag, "pkt[1]:(pcr=900000)+18446744073709551614");
+    EXPECT_STREQ(tsan_ptag(tc), "pkt[1]:(pcr=900000)+18446744073709551614");
     ASSERT_EQ(feed(ts_pcr(kVPid, 909000)), 0);  // index 2: the next PCR
-    EXPECT_STREQ(tc->ptag, "pkt[2]:(pcr=900000)+18446744073709551615");
+    EXPECT_STREQ(tsan_ptag(tc), "pkt[2]:(pcr=900000)+18446744073709551615");
     ASSERT_EQ(feed(ts_bare(kOtherPid, false)), 0);
-    EXPECT_STREQ(tc->ptag, "pkt[3]:(pcr=909000)+1");
+    EXPECT_STREQ(tsan_ptag(tc), "pkt[3]:(pcr=909000)+1");
 }
 
 TEST_F(Tsan, PtagIsCutTo62Characters)
@@ -309,8 +309,8 @@ TEST_F(Tsan, PtagIsCutTo62Characters)
     ASSERT_EQ(feed(ts_bare(kOtherPid, false)), 0);  // index 2^64-1
     // In full "pkt[18446744073709551615]:(pcr=8589934591)+18446744073709551612",
     // 63 characters; the last one is cut.
-    EXPECT_STREQ(tc->ptag, "pkt[18446744073709551615]:(pcr=8589934591)+1844674407370955161");
-    EXPECT_EQ(strlen(tc->ptag), 62u);
+    EXPECT_STREQ(tsan_ptag(tc), "pkt[18446744073709551615]:(pcr=8589934591)+1844674407370955161");
+    EXPECT_EQ(strlen(tsan_ptag(tc)), 62u);
 }
 
 // ---------------------------------------------------------------------------
@@ -327,7 +327,7 @@ TEST_F(Tsan, OutOfSyncByte0IsCountedReportedAndRead)
     EXPECT_EQ(tc->stat.pcount, 1u);
     EXPECT_EQ(tc->pg.last_pkt_idx, 1u);
     EXPECT_EQ(tc->pg.pmt_pid[0], 0u);  // the PAT behind it was not read
-    EXPECT_STREQ(tc->ptag, "pkt[1]");
+    EXPECT_STREQ(tsan_ptag(tc), "pkt[1]");
 }
 
 TEST_F(Tsan, IdlingFiresWhenIndexReachesMaxSkip)
@@ -1252,8 +1252,8 @@ TEST_F(Tsan, TrackingFlagsChangeNoCountOrDecision)
     tsan_t b = tsan_init("src", &on, nullptr);
     for (const TsPkt& p : seq)
         EXPECT_EQ(feed_tracker(a, p), feed_tracker(b, p));
-    const tsan_ctx* ca = static_cast<tsan_ctx*>(a);
-    const tsan_ctx* cb = static_cast<tsan_ctx*>(b);
+    tsan_ctx* ca = static_cast<tsan_ctx*>(a);
+    tsan_ctx* cb = static_cast<tsan_ctx*>(b);
     EXPECT_EQ(memcmp(&ca->stat, &cb->stat, sizeof(ca->stat)), 0);
     EXPECT_EQ(ca->stat.alert.pcr_freq, 1u);
     EXPECT_EQ(ca->stat.alert.pcr_delta, 3u);
@@ -1262,8 +1262,8 @@ TEST_F(Tsan, TrackingFlagsChangeNoCountOrDecision)
     EXPECT_EQ(ca->pg.last_pcr, cb->pg.last_pcr);
     EXPECT_EQ(ca->pg.pcr_idx, cb->pg.pcr_idx);
     EXPECT_EQ(ca->pg.ref_idx, cb->pg.ref_idx);
-    EXPECT_STREQ(ca->pg.pcr_ptag, cb->pg.pcr_ptag);
-    EXPECT_STREQ(ca->ptag, cb->ptag);
+    EXPECT_STREQ(tsan_pcr_ptag(ca), tsan_pcr_ptag(cb));
+    EXPECT_STREQ(tsan_ptag(ca), tsan_ptag(cb));
     for (size_t i = 0; i < ca->pg.nstreams; ++i) {
         EXPECT_EQ(ca->stm[i].last_pts, cb->stm[i].last_pts);
         EXPECT_EQ(ca->stm[i].last_dts, cb->stm[i].last_dts);
