@@ -358,28 +358,38 @@ TEST(MmrOut, TheSyncSearchOnAFullTsRingReachesOnly214Bytes)
 
 namespace {
 
-// A stream of 188-byte TS packets as a source would deliver it, cut into
-// reads of the given sizes; the capture loop's turn: cap, reserve, read,
-// commit.
+// A stream of packets as a source would deliver it (TS of any size, or TS
+// behind RTP), cut into reads of any sizes; the capture loop's turn: cap,
+// reserve, read, commit.
 struct FedRing {
     mmr_t h = nullptr;
     size_t limit;
+    size_t pkt_len;
+    bool rtp;
     uint64_t stream_pos = 0;
-    explicit FedRing(size_t pages, bool per_packet)
+    FedRing(size_t bytes, bool per_packet, size_t len = 188, bool is_rtp = false, size_t reserve = 1400)
+        : pkt_len(len), rtp(is_rtp)
     {
-        EXPECT_EQ(mmr_create(&h, pages * kPage), 0);
+        EXPECT_EQ(mmr_create(&h, bytes), 0);
         mm_ring* mr = r();
-        mr->stype = STY_MPEGTS;
-        mr->ts_len = 188;
+        mr->stype = rtp ? STY_RTP : STY_MPEGTS;
+        mr->ts_len = pkt_len;
         mr->pld_pos = 0;
         mr->opt.no_mtu_pack = per_packet;
-        limit = pages * kPage - 1400;
+        limit = bytes - reserve;
     }
     ~FedRing() { mmr_destroy(h); }
     mm_ring* r() const { return static_cast<mm_ring*>(h); }
-    static uint8_t byte_at(uint64_t pos) { return (pos % 188 == 0) ? TS_SYNC : (uint8_t)(pos * 7 + 1); }
+    uint8_t byte_at(uint64_t pos) const
+    {
+        const size_t off = (size_t)(pos % pkt_len);
+        if (rtp && off < 12)
+            return off == 0 ? 0x80 : off == 1 ? 33 : (uint8_t)pos;
+        const size_t ts_off = rtp ? off - 12 : off;
+        return (ts_off % 188 == 0) ? TS_SYNC : (uint8_t)(pos * 7 + 1);
+    }
     // One read of n bytes; junk_at, counted from the read's start, breaks
-    // one packet's sync byte.
+    // one byte.
     void read(size_t n, ssize_t junk_at = -1)
     {
         mm_point pt{};
@@ -396,52 +406,90 @@ struct FedRing {
     }
 };
 
+// Log text with the ring's own name put aside, so two rings compare.
+std::string unnamed(std::string text, const mm_ring* mr)
+{
+    for (size_t at; (at = text.find(mr->sname)) != std::string::npos;)
+        text.replace(at, strlen(mr->sname), "RING");
+    return text;
+}
+
+// Two rings fed the same reads: a resumes its walk where the last ended, b
+// forgets, so every pass walks all it holds. They must not differ in
+// anything: results, positions, packet numbers, lines. Halfway through, a
+// packet of one read loses its sync byte; both must fail at the same turn.
+void feed_in_lockstep(size_t ring_bytes, size_t pkt_len, bool rtp, bool per_packet)
+{
+    SCOPED_TRACE("packet " + std::to_string(pkt_len) + (rtp ? " RTP" : " TS") +
+                 (per_packet ? ", packets" : ", messages"));
+    FedRing a(ring_bytes, per_packet, pkt_len, rtp), b(ring_bytes, per_packet, pkt_len, rtp);
+    const uint64_t total = 30 * (uint64_t)ring_bytes;
+    uint32_t seed = 12345;
+    size_t turns = 0;
+    bool junked = false;
+    for (;;) {
+        ++turns;
+        mmr_set_verbosity(MMR_CAP_VERBOSE | MMR_OGET_VERBOSE | MMR_OPUT_VERBOSE);
+        std::string texts[2];
+        ssize_t capped[2];
+        {
+            LogCapture cap;
+            capped[0] = mmr_cap(a.h, a.limit);
+            texts[0] = unnamed(cap.text(), a.r());
+        }
+        {
+            b.r()->synced_len = 0;
+            LogCapture cap;
+            capped[1] = mmr_cap(b.h, b.limit);
+            texts[1] = unnamed(cap.text(), b.r());
+        }
+        mmr_set_verbosity(0);
+        ASSERT_EQ(capped[0], capped[1]) << "turn " << turns;
+        ASSERT_EQ(texts[0], texts[1]) << "turn " << turns;
+        ASSERT_EQ(a.r()->pld_pos, b.r()->pld_pos) << "turn " << turns;
+        ASSERT_EQ(a.r()->pld_size, b.r()->pld_size) << "turn " << turns;
+        ASSERT_EQ(a.r()->first_pktnum, b.r()->first_pktnum) << "turn " << turns;
+        if (capped[0] < 0) {
+            EXPECT_TRUE(junked) << texts[0];
+            break;
+        }
+        ASSERT_LT(a.stream_pos, total + ring_bytes) << "the junk was never found";
+        // Reads of any size, packets cut anywhere, as a TCP source gives them.
+        seed = seed * 1103515245 + 12345;
+        const size_t n = 1 + (seed >> 8) % 1400;
+        ssize_t junk_at = -1;
+        if (!junked && a.stream_pos >= total / 2 && a.stream_pos % pkt_len + n > pkt_len) {
+            // The first byte of the next packet that starts in this read.
+            junk_at = (ssize_t)(pkt_len - a.stream_pos % pkt_len) % (ssize_t)pkt_len;
+            junked = true;
+        }
+        const uint64_t whole_before = a.stream_pos / pkt_len;
+        a.read(n, junk_at);
+        b.read(n, junk_at);
+        // Numbered as the analyzer numbers them: whole packets as they complete.
+        if (per_packet && a.stream_pos / pkt_len != whole_before) {
+            mmr_add_pkts(a.h, a.stream_pos / pkt_len - whole_before);
+            mmr_add_pkts(b.h, a.stream_pos / pkt_len - whole_before);
+        }
+    }
+    EXPECT_GT(turns, 300u);
+}
+
 }  // namespace
 
 TEST(MmrOut, CapReleasesTheSameRecordsAsAWalkOfTheWholeRingOverManyWraps)
 {
-    for (const bool per_packet : {false, true}) {
-        // Ring a resumes its walk where the last ended; ring b forgets, so
-        // every pass walks all it holds.
-        FedRing a(4, per_packet), b(4, per_packet);
-        uint32_t seed = 12345;
-        size_t turns = 0;
-        while (a.stream_pos < 40 * 4 * kPage) {
-            ++turns;
-            mmr_set_verbosity(MMR_CAP_VERBOSE | MMR_OGET_VERBOSE | MMR_OPUT_VERBOSE);
-            std::string texts[2];
-            ssize_t capped[2];
-            {
-                LogCapture cap;
-                capped[0] = mmr_cap(a.h, a.limit);
-                texts[0] = cap.text();
-            }
-            {
-                b.r()->synced_len = 0;
-                LogCapture cap;
-                capped[1] = mmr_cap(b.h, b.limit);
-                texts[1] = cap.text();
-            }
-            mmr_set_verbosity(0);
-            ASSERT_EQ(capped[0], capped[1]) << "turn " << turns;
-            ASSERT_EQ(texts[0], texts[1]) << "turn " << turns;
-            ASSERT_EQ(a.r()->pld_pos, b.r()->pld_pos);
-            ASSERT_EQ(a.r()->pld_size, b.r()->pld_size);
-            ASSERT_EQ(a.r()->first_pktnum, b.r()->first_pktnum);
-            // Reads of any size, packets cut anywhere, as a TCP source gives them.
-            seed = seed * 1103515245 + 12345;
-            const size_t n = 1 + (seed >> 8) % 1400;
-            const uint64_t whole_before = a.stream_pos / 188;
-            a.read(n);
-            b.read(n);
-            // Numbered as the analyzer numbers them: whole packets as they complete.
-            if (per_packet && a.stream_pos / 188 != whole_before) {
-                mmr_add_pkts(a.h, a.stream_pos / 188 - whole_before);
-                mmr_add_pkts(b.h, a.stream_pos / 188 - whole_before);
-            }
-        }
-        EXPECT_GT(turns, 300u);
+    const size_t ring = 4 * kPage;
+    for (const size_t len : {188, 192, 204, 208}) {
+        feed_in_lockstep(ring, len, false, false);
+        feed_in_lockstep(ring, len, false, true);
     }
+    feed_in_lockstep(ring, 12 + 7 * 188, true, true);
+}
+
+TEST(MmrOut, CapOfAOneMebibyteRingIsTheSameAsAWalkOfTheWholeRing)
+{
+    feed_in_lockstep(BYTES_IN_MB, 188, false, false);
 }
 
 TEST(MmrOut, JunkDeepBehindTheHeadOfAFullRingFailsTheFirstCapAfterItArrives)
@@ -528,4 +576,28 @@ TEST(MmrOut, ReleasingOffTheGridForgetsWhatWasPassed)
     out.iov_len = 100;
     mmr_oput(ring.h, &out, 1);
     EXPECT_EQ(ring.r()->synced_len, 0u);
+}
+
+TEST(MmrOut, JunkBehindTheHeadOfTheLargestRingIsFoundAcrossItsWrap)
+{
+    // 2047 MiB: only the stretch around the wrap is ever touched. The cap
+    // keeps 1 MiB, so it runs at every turn from the first mebibyte on.
+    FedRing ring(2047 * BYTES_IN_MB, false);
+    ASSERT_NE(ring.h, nullptr);
+    mm_ring* mr = ring.r();
+    mr->pld_pos = (off_t)(mr->buflen - 3 * BYTES_IN_MB);
+    ring.limit = BYTES_IN_MB;
+    while (ring.stream_pos < 6 * BYTES_IN_MB) {
+        ASSERT_GE(mmr_cap(ring.h, ring.limit), 0);
+        ring.read(1316);
+    }
+    // The head has crossed the wrap, and the walk resumed over it.
+    ASSERT_LT(mr->pld_pos, (off_t)(4 * BYTES_IN_MB));
+    ASSERT_GE(mmr_cap(ring.h, ring.limit), 0);
+    ring.read(1316, 5 * 188);
+    LogCapture cap;
+    EXPECT_EQ(mmr_cap(ring.h, ring.limit), -1);
+    EXPECT_EQ(cap.text(), std::string("(ERR)  mmr_ts_pack_buf: [") + mr->sname +
+                              "] error counting packets\n"
+                              "(ERR)  mmr_cap_pp: mmr_oget() ERROR(-1)\n");
 }
