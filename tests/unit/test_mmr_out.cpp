@@ -406,6 +406,14 @@ struct FedRing {
     }
 };
 
+// What a cap says when a packet behind the head has lost its sync byte.
+std::string counting_failed(const mm_ring* mr)
+{
+    return std::string("(ERR)  mmr_ts_pack_buf: [") + mr->sname +
+           "] error counting packets\n"
+           "(ERR)  mmr_cap_pp: mmr_oget() ERROR(-1)\n";
+}
+
 // Log text with the ring's own name put aside, so two rings compare.
 std::string unnamed(std::string text, const mm_ring* mr)
 {
@@ -494,7 +502,7 @@ TEST(MmrOut, CapOfAOneMebibyteRingIsTheSameAsAWalkOfTheWholeRing)
 
 TEST(MmrOut, JunkDeepBehindTheHeadOfAFullRingFailsTheFirstCapAfterItArrives)
 {
-    FedRing ring(16, false);
+    FedRing ring(16 * kPage, false);
     // Many laps of datagrams: the ring is full and its walk long resumed.
     while (ring.stream_pos < 10 * 16 * kPage) {
         ASSERT_GE(mmr_cap(ring.h, ring.limit), 0);
@@ -509,22 +517,18 @@ TEST(MmrOut, JunkDeepBehindTheHeadOfAFullRingFailsTheFirstCapAfterItArrives)
     ASSERT_GT(size, ring.limit);
     LogCapture cap;
     EXPECT_EQ(mmr_cap(ring.h, ring.limit), -1);
-    EXPECT_EQ(cap.text(), std::string("(ERR)  mmr_ts_pack_buf: [") + ring.r()->sname +
-                              "] error counting packets\n"
-                              "(ERR)  mmr_cap_pp: mmr_oget() ERROR(-1)\n");
+    EXPECT_EQ(cap.text(), counting_failed(ring.r()));
     // Nothing left the ring, and the next pass fails the same way.
     EXPECT_EQ(ring.r()->pld_pos, pos);
     EXPECT_EQ(ring.r()->pld_size, size);
     cap.clear();
     EXPECT_EQ(mmr_cap(ring.h, ring.limit), -1);
-    EXPECT_EQ(cap.text(), std::string("(ERR)  mmr_ts_pack_buf: [") + ring.r()->sname +
-                              "] error counting packets\n"
-                              "(ERR)  mmr_cap_pp: mmr_oget() ERROR(-1)\n");
+    EXPECT_EQ(cap.text(), counting_failed(ring.r()));
 }
 
 TEST(MmrOut, JunkInAPartialPacketAtTheTailFailsTheFirstCapAfterIt)
 {
-    FedRing ring(4, false);
+    FedRing ring(4 * kPage, false);
     while (ring.stream_pos < 5 * 4 * kPage) {
         ASSERT_GE(mmr_cap(ring.h, ring.limit), 0);
         ring.read(1000);
@@ -535,9 +539,7 @@ TEST(MmrOut, JunkInAPartialPacketAtTheTailFailsTheFirstCapAfterIt)
     ring.read(to_next + 1, (ssize_t)to_next);
     LogCapture cap;
     EXPECT_EQ(mmr_cap(ring.h, ring.limit), -1);
-    EXPECT_EQ(cap.text(), std::string("(ERR)  mmr_ts_pack_buf: [") + ring.r()->sname +
-                              "] error counting packets\n"
-                              "(ERR)  mmr_cap_pp: mmr_oget() ERROR(-1)\n");
+    EXPECT_EQ(cap.text(), counting_failed(ring.r()));
 }
 
 TEST(MmrOut, AShiftAtTheHeadForgetsWhatThePreviousWalkPassed)
@@ -597,7 +599,5 @@ TEST(MmrOut, JunkBehindTheHeadOfTheLargestRingIsFoundAcrossItsWrap)
     ring.read(1316, 5 * 188);
     LogCapture cap;
     EXPECT_EQ(mmr_cap(ring.h, ring.limit), -1);
-    EXPECT_EQ(cap.text(), std::string("(ERR)  mmr_ts_pack_buf: [") + mr->sname +
-                              "] error counting packets\n"
-                              "(ERR)  mmr_cap_pp: mmr_oget() ERROR(-1)\n");
+    EXPECT_EQ(cap.text(), counting_failed(mr));
 }
