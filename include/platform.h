@@ -17,6 +17,10 @@ const char* plat_build_system();
 // Makes getopt_long start over on the same arguments.
 void plat_getopt_reset();
 
+// Maps len bytes of private anonymous memory in the low part of the
+// address space; MAP_FAILED with errno on failure.
+void* plat_mmap_low(size_t len);
+
 // Binds the process to one processor; 0 or -1 with errno.
 int plat_pin_to_cpu(int cpunum);
 

@@ -3,6 +3,7 @@
 
 #include <sys/param.h>
 #include <sys/cpuset.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <assert.h>
@@ -29,6 +30,11 @@ void plat_getopt_reset()
 {
     optreset = 1;
     optind = 1;
+}
+
+void* plat_mmap_low(size_t len)
+{
+    return mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANON | MAP_32BIT, -1, 0);
 }
 
 int plat_pin_to_cpu(int cpunum)

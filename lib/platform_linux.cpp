@@ -3,6 +3,7 @@
 
 #include <getopt.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/sendfile.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -37,6 +38,12 @@ void plat_getopt_reset()
 }
 
 // No cpuset_setaffinity here: sched_setaffinity on the own process does it.
+// MAP_32BIT: the first two GiB, as the target's flag of the same name.
+void* plat_mmap_low(size_t len)
+{
+    return mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_32BIT, -1, 0);
+}
+
 int plat_pin_to_cpu(int cpunum)
 {
     cpu_set_t set;
