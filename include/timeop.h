@@ -29,6 +29,8 @@ struct tspan {
 
 // The cached monotonic clock of the event loop; stays zero without one.
 const timespec* rqs_now_ref();
+// The same clock for the event loop to set, after each wait.
+timespec* rqs_itime();
 
 void set_clk_now(timespec* tms, clockid_t clk_id);
 bool timed_out(const timespec* last_tm, const timespec* tmout);

@@ -53,6 +53,11 @@ const timespec* rqs_now_ref()
     return &itime;
 }
 
+timespec* rqs_itime()
+{
+    return &itime;
+}
+
 void set_clk_now(timespec* tms, clockid_t clk_id)
 {
     // There is no way to go on without a clock.
