@@ -58,6 +58,7 @@ struct backend {
     xvec recs{};     // fdrec, indexed by descriptor
     xvec pending{};  // rqs_kev that did not fit in the last wait
     xvec epev{};     // epoll_event
+    size_t nregular = 0;  // records of regular files: no scan without one
 };
 
 backend g_be;
@@ -76,6 +77,17 @@ fdrec* rec_of(int fd, bool create)
         g_be.recs.len = g_be.recs.max_len;
     }
     return &static_cast<fdrec*>(g_be.recs.data)[fd];
+}
+
+// A descriptor closed and reused: nothing of the old one is kept.
+void forget(fdrec* r)
+{
+    if (r->regular && g_be.nregular > 0)
+        --g_be.nregular;
+    if (r->wd >= 0)
+        (void)inotify_rm_watch(g_be.infd, r->wd);
+    *r = fdrec{};
+    r->wd = -1;
 }
 
 bool enabled(const filt& f)
@@ -113,6 +125,7 @@ int sync_epoll(int fd, fdrec* r)
         if (rc != 0 && errno == EPERM) {
             // A regular file (or another kind epoll can't wait on).
             r->regular = true;
+            ++g_be.nregular;
             return 0;
         }
         if (rc == 0)
@@ -150,6 +163,15 @@ int sync_inotify(int fd, fdrec* r)
 
 int change_filter(int fd, fdrec* r, filt& f, const rqs_kev* c)
 {
+    if ((c->flags & RQS_EV_ADD) && !r->rd.on && !r->wr.on) {
+        // A first filter: whatever the number held before is no guide (a
+        // descriptor closed without being removed, then reused).
+        if (r->regular && g_be.nregular > 0)
+            --g_be.nregular;
+        r->regular = false;
+        r->in_epoll = false;
+        r->mask = 0;
+    }
     if (c->flags & RQS_EV_ADD) {
         f.on = true;
         f.enabled = !(c->flags & RQS_EV_DISABLE);
@@ -170,6 +192,10 @@ int change_filter(int fd, fdrec* r, filt& f, const rqs_kev* c)
             f = filt{};
         errno = err;
         return -1;
+    }
+    if (r->regular && !r->rd.on && !r->wr.on) {
+        r->regular = false;
+        --g_be.nregular;
     }
     return sync_inotify(fd, r);
 }
@@ -210,7 +236,7 @@ bool push(rqs_kev* events, int nevents, int& n, const rqs_kev& k)
 // write-watched ones, which are always writable.
 void regular_files(rqs_kev* events, int nevents, int& n)
 {
-    for (size_t fd = 0; fd < g_be.recs.len; ++fd) {
+    for (size_t fd = 0; g_be.nregular != 0 && fd < g_be.recs.len; ++fd) {
         const fdrec& r = static_cast<fdrec*>(g_be.recs.data)[fd];
         if (!r.regular)
             continue;
@@ -346,8 +372,7 @@ int rqsb_change(int loopfd, const rqs_kev* change)
         // Gone: a registration fails as kqueue's does; what was registered
         // went with the descriptor.
         if (fdrec* r = rec_of(fd, false); r != nullptr && !(change->flags & RQS_EV_ADD)) {
-            *r = fdrec{};
-            r->wd = -1;
+            forget(r);
             errno = ENOENT;
             return -1;
         }

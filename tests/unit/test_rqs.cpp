@@ -575,3 +575,27 @@ TEST(RqsDeathTest, AnUnknownCountSpecifierStopsTheProcess)
 {
     EXPECT_DEATH(rqs_fd_count(3), "Assertion failed: \\(0\\), function rqs_fd_count");
 }
+
+TEST_F(Rqs, ADescriptorClosedWithoutRemovalAndReusedIsRegisteredAnew)
+{
+    const rqs_config cfg = config();
+    ASSERT_EQ(rqs_init(&cfg), 0);
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    ASSERT_EQ(rqs_add_reader(p[0], nullptr), 0);
+    const int number = p[0];
+    close(p[0]);
+    close(p[1]);
+    // The same number, now another pipe's read end, with a byte waiting.
+    int q[2];
+    ASSERT_EQ(pipe(q), 0);
+    ASSERT_EQ(q[0], number);
+    fds_.push_back(q[0]);
+    fds_.push_back(q[1]);
+    ASSERT_EQ(write(q[1], "y", 1), 1);
+    ASSERT_EQ(rqs_add_reader(q[0], &rec_), 0);
+    rec_.tmout = {5, 0};
+    EXPECT_EQ(rqs_event_loop(), 1);
+    ASSERT_EQ(whats(), (std::vector<std::string>{"time_out", "read"}));
+    EXPECT_EQ(rec_.events[1].udata, &rec_);
+}
