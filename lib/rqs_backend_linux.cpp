@@ -96,13 +96,15 @@ bool enabled(const filt& f)
 }
 
 // Puts epoll in step with the record: in it only while a filter wants it.
-int sync_epoll(int fd, fdrec* r)
+// An addition always asks epoll: the number may be a new descriptor that
+// epoll does not know, where the record still speaks of an old one.
+int sync_epoll(int fd, fdrec* r, bool adding)
 {
     if (r->regular)
         return 0;
     const uint32_t mask = (enabled(r->rd) ? (uint32_t)(EPOLLIN | EPOLLRDHUP) : 0u) |
                           (enabled(r->wr) ? (uint32_t)EPOLLOUT : 0u);
-    if (mask == r->mask && r->in_epoll == (mask != 0))
+    if (!adding && mask == r->mask && r->in_epoll == (mask != 0))
         return 0;
     epoll_event ev{};
     ev.events = mask;
@@ -186,7 +188,7 @@ int change_filter(int fd, fdrec* r, filt& f, const rqs_kev* c)
     } else if (c->flags & RQS_EV_DISABLE) {
         f.enabled = false;
     }
-    if (sync_epoll(fd, r) != 0) {
+    if (sync_epoll(fd, r, (c->flags & RQS_EV_ADD) != 0) != 0) {
         const int err = errno;
         if (c->flags & RQS_EV_ADD)
             f = filt{};
