@@ -4,6 +4,9 @@
 
 #include <cstddef>
 
+#include "gkh.h"
+#include "vrtypes.h"
+
 // URI kinds: the index of a scheme in URI_KIND_STR.
 enum : int {
     URI_BAD = -1,  // not parsed, or the scheme is unknown
@@ -62,3 +65,60 @@ int uri_extract(const char* uri, char* scheme, char* authority, char* path, char
 // null. path_len is the capacity of the path text, not its length.
 const char* uri_path_addrport(const char* path, size_t path_len, char* addr, size_t addr_len, char* port,
                               size_t port_len);
+
+// What a streaming service makes of its request URLs.
+
+// Optional input and output of uri_extract_endpts_ext.
+struct uri_parse_ctx {
+    const char* root_dir;  // the directory under which "hls-fra" paths lie
+    char udpfx[16];        // out: the first path segment, when shorter than 15 characters
+};
+
+// Kinds of playlist.
+inline constexpr n32_tag PL_LIVE = mk_n32_tag("LIV");
+inline constexpr n32_tag PL_VOD = mk_n32_tag("VOD");
+inline constexpr n32_tag PL_EVENT = mk_n32_tag("EVE");
+
+struct hls_uri_info {
+    long utime;  // the request's time stamp; -1 for VOD and event requests, 0 when none
+    n32_tag pl_type;
+};
+
+inline constexpr const char* HLS_M3U = "hls-m3u";
+inline constexpr const char* HLS_FRA = "hls-fra";
+// The characters that begin an alias.
+inline constexpr const char* URI_ALIAS_CHARS = "$^~";
+// The delimiters that uri_xseg takes for path segments.
+inline constexpr const char* SLASHES = "//";
+
+// Query limits: names under 32 characters, values up to 32, 128 items.
+constexpr size_t URI_QNAME_MAX = 32;
+constexpr size_t URI_QVALUE_MAX = 32;
+constexpr size_t URI_QITEMS_MAX = 128;
+
+// The next segment of s: it starts behind one dlm[0] and runs up to and
+// including the next dlm[1]; null at the end of s.
+const char* uri_xseg(const char* s, const char* dlm, const char** pbuf, size_t* buflen);
+// A request path that names a source and a destination: 0, or a code.
+int uri_extract_endpts_ext(const char* s, char* src, size_t slength, char* dst, size_t dlength, uri_parse_ctx* ctx);
+// Percent coding in place: s, or null.
+char* uri_decode(char* s, size_t len);
+char* uri_encode(char* s, size_t len);
+// name=value&... into a table of text keys whose data are the values (heap
+// blocks, or null for an empty one): 0 or a failure. A null ht only checks.
+int uri_query_parse(const char* query, skht_t* ht);
+// URI_HLS or -1; path has room for 128 bytes; inf may be null.
+int uri_m3u_extract(const char* uri, char* path, hls_uri_info* inf);
+// Always 0. The terminator goes at twice the copied length: alias must be
+// zeroed and have that room.
+int uri_split_alias(const char* src, char* alias, size_t alen, const char** pquery);
+// str when it begins with schema; else the two in buf, or null with E2BIG.
+const char* uri_ensure_schema(const char* schema, const char* str, char* buf, size_t len);
+// The slash that begins the URL's path, or null.
+const char* uri_pre_path(const char* url);
+bool url_ends_with(const char* url, const char* ext);
+bool is_m3u_url(const char* url);
+bool is_fra_url(const char* url);
+bool is_hls_url(const char* url);
+// A playlist item's URL made absolute from the playlist's: 0 or EINVAL.
+int mk_hls_item_url(const char* m3u_url, const char* path, char* buf, size_t buflen);
