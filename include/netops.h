@@ -94,3 +94,21 @@ int mcast_group_op(const char* caller, const char* ifc_name, unsigned int ifc_id
 int set_ipv6_sock_ifc(int sock, uint32_t index);
 void sync_ipv6addr_scope_id(sockaddr* sa, const char* ifc_name, const sockaddr_storage* ifc_ss);
 int set_mcast_ttl(int family, int fd, int ttl);
+
+// The service side: listeners, local-domain sockets, options of a
+// connected socket. A path of a local socket holds at most 103 characters.
+constexpr size_t MAX_DOMAIN_PATH = 103;
+// A bad port or family is told and the attempt goes on.
+int open_listener(const sockaddr_storage* ss, const char* port, int defer_listen);
+int open_udp_listener(const sockaddr_storage* ss, const char* port);
+int open_anyaddr_listener(int af, const char* port, int defer_listen);
+int open_domain_listener(const char* path);
+int open_domain_client(const char* path, size_t max_attempts, long int pause_msec);
+int set_tcp_nodelay(int sockfd, int is_on);
+int set_tcp_nopush(int sockfd, int is_on);
+int set_keepalive(int sockfd, int optval);
+// AF_INET, AF_INET6 or AF_UNSPEC for a family's name, -1 for none.
+int name2af(const char* name);
+// The socket's pending error (told and put in errno), or 0.
+int socket_error(int sockfd);
+const char* get_peer_ipaddr(int sockfd, char* buf, size_t buflen);

@@ -67,6 +67,9 @@ int plat_sock_rcvbuf_force(int fd, int length);
 // The receive buffer a socket has, in the measure it was asked in; -1 with errno.
 long plat_sock_rcvbuf_granted(int fd);
 
+// TCP_NOPUSH: hold partial segments while on. 0, or -1 with errno.
+int plat_tcp_nopush(int fd, int is_on);
+
 // Makes a negative socket time-out one that setsockopt refuses with EDOM.
 void plat_sock_timeout_value(timeval* tv);
 

@@ -57,6 +57,7 @@ int plat_sendfile(int in_fd, int out_fd, off_t offset, size_t count, sf_hdtr_t* 
 // Sockets and multicast.
 #include <sys/time.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 
 // IPV6_V6ONLY is on by default here: nothing to set.
 int plat_sock_defaults(int fd, int family)
@@ -78,6 +79,11 @@ uint32_t plat_ipv6_scope_id(uint32_t found, const char* ifc_name)
 {
     (void)ifc_name;
     return found;
+}
+
+int plat_tcp_nopush(int fd, int is_on)
+{
+    return setsockopt(fd, IPPROTO_TCP, TCP_NOPUSH, &is_on, sizeof(is_on));
 }
 
 // No way past kern.ipc.maxsockbuf from a socket option: SO_RCVBUF alone.

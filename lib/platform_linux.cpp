@@ -124,6 +124,7 @@ int plat_sendfile(int in_fd, int out_fd, off_t offset, size_t count, sf_hdtr_t* 
 // Sockets and multicast.
 #include <net/if.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 // IPV6_V6ONLY is off by default here and on at the target: turned on first
@@ -157,6 +158,12 @@ uint32_t plat_ipv6_scope_id(uint32_t found, const char* ifc_name)
     if (found != 0 || ifc_name == nullptr || ifc_name[0] == '\0')
         return found;
     return if_nametoindex(ifc_name);
+}
+
+// No TCP_NOPUSH here: TCP_CORK holds partial segments the same way.
+int plat_tcp_nopush(int fd, int is_on)
+{
+    return setsockopt(fd, IPPROTO_TCP, TCP_CORK, &is_on, sizeof(is_on));
 }
 
 // SO_RCVBUF is capped silently by net.core.rmem_max; the super-user can go
