@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "uri.h"
+
 // Request kinds.
 constexpr uint32_t RQTYPE_GET = 0;
 constexpr uint32_t RQTYPE_HEAD = 1;
@@ -50,3 +52,67 @@ int recv_http_response(int sockfd, char* buf, size_t buflen, http_resp_ctx* resp
 // end of the head; *tail (when tail is not null) gets the offset behind it
 // if found. Returns what the read returned, errno intact.
 ssize_t read_http(int sockfd, char* buf, size_t buflen, ssize_t offset, ssize_t* tail);
+
+// The server side: a client's request head in, a small response out. GET
+// and HEAD only; no request body.
+
+// Results of web_parse_urq beside 0.
+constexpr int RC_FAVICON = 1028;
+constexpr int RC_PING = 1029;
+
+inline constexpr const char* HLS_M3U8_TYPE = "application/x-mpegURL";
+inline constexpr const char* HLS_FRA_TYPE = "video/MP2T";
+inline constexpr const char* HTTP_FAVICON_RQ = "favicon.ico";
+inline constexpr const char* LOCALHOST_ADDR = "localhost";
+
+constexpr size_t HTTP_HOST_MAX = 64;
+constexpr size_t HTTP_UA_MAX = 128;
+constexpr size_t HTTP_AENC_MAX = 32;
+constexpr size_t HTTP_RESP_BUFSZ = 4096;
+
+struct http_header {
+    int type;        // RQTYPE_GET or RQTYPE_HEAD
+    uri_layout uri;  // the request target, pointing into the request buffer
+    char host[HTTP_HOST_MAX];       // empty when absent or too long
+    char user_agent[HTTP_UA_MAX];   // percent-encoded
+    char accept_enc[HTTP_AENC_MAX];
+    bool is_keep_alive;
+    bool is_close;
+    bool is_http10;
+};
+
+struct http_response {
+    int code;
+    const char* content_type;
+    const char* content_encoding;
+    long content_length;  // no header when negative
+    const char* reason;
+    const char* server;
+    const char* connection;
+    const char* ok_suffix;  // one more header line, with 200 only, without its line end
+    const char* location;
+    const char* fpath;      // a file whose contents become the body
+};
+
+// The canned responses; the service sets `server` before use.
+extern http_response g_resp_none, g_resp_ok, g_resp_ok204, g_resp_tmoved, g_resp_bad, g_resp_denied,
+    g_resp_nfound, g_resp_unacc, g_resp_timeout, g_resp_err, g_resp_bgw, g_resp_svcun, g_resp_gwtmo;
+extern http_response* g_resp;
+
+int parse_http_header(const char* http_rq, size_t rqlen, http_header* hdr, char* urlbuf, size_t urlen);
+// A header's value (not terminated) and its length, or null.
+const char* find_http_header(const char* title, const char* buf, size_t* hdr_len);
+ssize_t extract_num_hdr(const char* title, const char* buf, size_t len);
+int mk_full_url(const http_header* hdr, char* buf, size_t buflen);
+int extract_http_request_path_query(const char* http_rq, size_t hlen, char* path, size_t plen, char* query,
+                                    size_t qlen);
+// 0, RC_FAVICON, RC_PING or a failure; writes a terminator into http.
+int web_parse_urq(char* http, size_t hlen, char* uri_src, char* uri_dst, size_t ulen, http_header* user_hdr);
+int web_parse_url(const char* url, char* uri_src, char* uri_dst, size_t ulen);
+bool is_ping_request(const char* path);
+// The length of the response in buf, -1, or EINVAL for an unknown version.
+ssize_t mk_http_xt_resp(const http_response* r, int version, char* buf, size_t buflen);
+int send_http_response(int sockfd, const http_response* r);
+http_response* http_code_resp(int http_code);
+// Text for markup: the count of pieces written, or -34 when dst is too small.
+int web_escape(const char* src, char* dst, size_t dstlen);
