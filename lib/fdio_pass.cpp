@@ -21,17 +21,24 @@ union fd_control {
     char buf[CMSG_SPACE(sizeof(int))];
 };
 
+// One buffer of data and room for one control message.
+msghdr one_message(iovec* iov, fd_control* ctl)
+{
+    msghdr msg{};
+    msg.msg_iov = iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = ctl->buf;
+    msg.msg_controllen = sizeof(ctl->buf);
+    return msg;
+}
+
 }  // namespace
 
 ssize_t send_fd(int dst_fd, void* ptr, size_t nbytes, int sendfd)
 {
     iovec iov{ptr, nbytes};
     fd_control ctl{};
-    msghdr msg{};
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    msg.msg_control = ctl.buf;
-    msg.msg_controllen = sizeof(ctl.buf);
+    msghdr msg = one_message(&iov, &ctl);
     cmsghdr* cm = CMSG_FIRSTHDR(&msg);
     cm->cmsg_level = SOL_SOCKET;
     cm->cmsg_type = SCM_RIGHTS;
@@ -52,11 +59,7 @@ ssize_t recv_fd(int src_fd, void* ptr, size_t nbytes, int* recvfd, uint32_t fdio
 {
     iovec iov{ptr, nbytes};
     fd_control ctl{};
-    msghdr msg{};
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    msg.msg_control = ctl.buf;
-    msg.msg_controllen = sizeof(ctl.buf);
+    msghdr msg = one_message(&iov, &ctl);
     const ssize_t rc = recvmsg(src_fd, &msg, 0);
     if (rc <= 0) {
         const int err = errno;
