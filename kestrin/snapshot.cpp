@@ -45,21 +45,23 @@ int mk_snapshot_file(char* fpath, size_t len, const char* suffix)
 
 void snapshot_on_sig(int signo)
 {
-    g_sigctx = 1;
+    sig_frame sf;
+    sigctx_enter(&sf);
     g_snapshot = 1;
     LOG_AT(NORM_level, "Received snapshot-SIG(%d).\n", signo);
-    g_sigctx = 0;
+    sigctx_leave(&sf);
 }
 
 void catch_alarm(int signo)
 {
-    g_sigctx = 1;
+    sig_frame sf;
+    sigctx_enter(&sf);
     LOG_AT(NORM_level, "Received alarm-SIG(%d).\n", signo);
     if (g_ctx.waiting_alarm) {
         g_snapalarm = 1;
         LOG_AT(INFO_level, "%s: got the expected snapshot ALARM\n", "catch_alarm");
     }
-    g_sigctx = 0;
+    sigctx_leave(&sf);
 }
 
 int schedule_alarm()
