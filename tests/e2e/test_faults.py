@@ -3,12 +3,19 @@ in, snapshots without the analyzer, reloads under a live stream. Nothing
 hangs, nothing aborts, nothing is left in /dev/shm."""
 import os
 import re
+import shutil
 import signal
+import socket
+import subprocess
 import threading
 import time
 import unittest
 
-from kstlib import KstTestCase, TcpFeed, read_text, repeated_ts, wait_for
+import tsmodel
+from kstlib import (KST, KstTestCase, TcpFeed, exit_pid, make_ts, messages, read_text, repeated_ts, run_kst,
+                    run_kst_on, wait_for)
+from test_analyzer import AnalyzerTestCase
+from test_sources import HttpServer, free_tcp_listener
 
 TS_PKT = 188
 
@@ -85,6 +92,96 @@ class SignalStormTest(FaultCase):
         self.assertEqual(bad, [])
         self.assertIn("Received snapshot-SIG(%d)." % signal.SIGUSR2, text)
         self.assertIn("Received alarm-SIG(%d)." % signal.SIGALRM, text)
+        self.assertNoShmLeft(p.pid)
+
+
+def in_new_netns(args):
+    """kst in a network namespace of its own, with only its loopback up and no
+    route: the command and its result, or a reason why no namespace can be made."""
+    if shutil.which("unshare") is None or shutil.which("ip") is None:
+        return None, "unshare or ip is not installed"
+    probe = subprocess.run(["unshare", "--net", "true"], capture_output=True, timeout=20)
+    if probe.returncode != 0:
+        return None, "no network namespace can be made here: " + probe.stderr.decode(errors="replace").strip()
+    cmd = ["unshare", "--net", "sh", "-c", 'ip link set lo up && exec "$0" "$@"', KST] + args
+    return subprocess.run(cmd, capture_output=True, text=True, errors="replace", timeout=60), ""
+
+
+class FailedOpenTest(FaultCase):
+    """Every way the open or the capture fails ends with its lines and exit
+    code, and the ring's shared memory is gone."""
+
+    def assertCleanFailure(self, r, code, lines):
+        self.assertEqual(r.returncode, code, r.stderr)
+        self.assertNotIn("ASSERT", r.stderr)
+        self.assertNotIn("Assertion failed", r.stderr)
+        msgs = messages(r.stderr)
+        for line in lines:
+            self.assertIn(line, msgs)
+        self.assertNoShmLeftBy(r.stderr)
+
+    def test_a_join_without_a_route_fails_the_open_and_removes_the_ring(self):
+        r, why = in_new_netns(["-T", "-m", "eth9", "-i", "udp://239.1.1.1:5000"])
+        if r is None:
+            self.skipTest(why)
+        self.assertCleanFailure(r, 1, [
+            "(ERR) [eth9] is not a valid IPv4 interface address.",
+            "(ERR) mcast_join: MCAST_JOIN fd=4: No such device",
+            "(NRM) kst shut down"])
+        self.assertNotIn("MCAST_LEAVE", r.stderr)
+
+    def test_a_link_local_group_without_an_interface_fails_the_open_and_removes_the_ring(self):
+        r, why = in_new_netns(["-T", "-i", "udp://[ff02::1]:5000"])
+        if r is None:
+            self.skipTest(why)
+        self.assertCleanFailure(r, 1, [
+            "(ERR) setup_mcast_reader: network interface must be specified to use link/local-scope multicast",
+            "(NRM) kst shut down"])
+        self.assertRegex(r.stderr, r"reuse_and_bind: bind\(4, \S+, 28\): ERROR\(22\): Invalid argument")
+        self.assertNotIn("MCAST_LEAVE", r.stderr)
+
+    def test_a_refused_connection(self):
+        srv, port = free_tcp_listener()
+        srv.close()  # nobody listens there any more
+        r = run_kst(["-T", "-i", f"tcp://127.0.0.1:{port}"])
+        self.assertCleanFailure(r, 1, ["(NRM) kst shut down"])
+        self.assertIn("ERROR(111)", r.stderr)
+
+    def test_a_404(self):
+        srv = HttpServer(b"HTTP/1.1 404 Not Found\r\n\r\n")
+        r = run_kst(["-T", "-i", f"http://127.0.0.1:{srv.port}/a.ts"])
+        srv.close()
+        self.assertCleanFailure(r, 1, ["(ERR) get_http_response: expected HTTP 200, got HTTP 404"])
+
+    def test_data_that_is_no_transport_stream(self):
+        r = run_kst_on(bytes(range(256)) * 64, ["-T"])
+        self.assertCleanFailure(r, 14, [])
+        self.assertRegex(r.stderr, r"\(ERR\)  KSTI  mmr_iput_ex: no header \(buflen=\d+\); non-TS/RTP stream\?\n")
+
+    def test_the_end_of_a_tcp_stream(self):
+        with open(make_ts(self.path("a.ts"), seconds=1), "rb") as f:
+            data = f.read()
+        r = run_kst_on(data, ["-T"])
+        self.assertNotEqual(r.returncode, 0)
+        self.assertCleanFailure(r, r.returncode, ["(NRM) kst shut down"])
+
+
+class LostSyncBailOutTest(AnalyzerTestCase):
+    def test_the_bail_out_after_ten_cases_removes_the_ring(self):
+        with open(make_ts(self.path("a.ts"), seconds=4), "rb") as f:
+            data = f.read()
+        p, w = self.start_tcp()
+        os.write(w, data[:100 * tsmodel.TS])
+        self.awaitLog(self.log, "skipped before analysis")
+        for n in range(10):
+            first = 100 + 100 * n
+            os.write(w, data[first * tsmodel.TS:(first + 50) * tsmodel.TS] + b"\x00" * 100 +
+                     data[(first + 50) * tsmodel.TS:(first + 100) * tsmodel.TS])
+            self.assertTrue(wait_for(lambda: f"seq={n + 1} " in read_text(self.log), timeout=5))
+        self.assertEqual(p.wait(timeout=10), 9)
+        os.close(w)
+        self.assertIn("(ERR) run_app: stopped reading due to error in [process_input], rc=-9",
+                      messages(read_text(self.log)))
         self.assertNoShmLeft(p.pid)
 
 
