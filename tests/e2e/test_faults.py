@@ -15,7 +15,7 @@ import tsmodel
 from kstlib import (KST, KstTestCase, TcpFeed, exit_pid, make_ts, messages, read_text, repeated_ts, run_kst,
                     run_kst_on, wait_for)
 from test_analyzer import AnalyzerTestCase
-from test_sources import HttpServer, free_tcp_listener
+from test_sources import HttpServer, free_tcp_listener, free_udp_port
 
 TS_PKT = 188
 
@@ -164,6 +164,87 @@ class FailedOpenTest(FaultCase):
         r = run_kst_on(data, ["-T"])
         self.assertNotEqual(r.returncode, 0)
         self.assertCleanFailure(r, r.returncode, ["(NRM) kst shut down"])
+
+
+class EmptyDatagramTest(FaultCase):
+    def test_an_empty_datagram_is_skipped_and_the_capture_goes_on(self):
+        port = free_udp_port()
+        log = self.path("udp.log")
+        p = self.start_kst(["-T", "-q", "-L", "debug", "-l", log, "-i", f"udp://127.0.0.1:{port}"], cwd=self.dir)
+        self.awaitLog(log, "Reading (PKT)")
+        with open(make_ts(self.path("a.ts"), seconds=1), "rb") as f:
+            ts = f.read()
+        dgram = 7 * TS_PKT
+        tx = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        tx.sendto(ts[:dgram], ("127.0.0.1", port))
+        self.awaitLog(log, "stream detected")
+        for _ in range(3):
+            tx.sendto(b"", ("127.0.0.1", port))
+        tx.sendto(ts[dgram:2 * dgram], ("127.0.0.1", port))
+        self.assertTrue(wait_for(lambda: read_text(log).count("empty datagram on fd") == 3, timeout=10),
+                        read_text(log))
+        tx.close()
+        p.send_signal(signal.SIGTERM)
+        self.assertEqual(p.wait(timeout=10), 0)
+        msgs = messages(read_text(log))
+        self.assertEqual(msgs.count("(DBG) run_app: empty datagram on fd5, skipped"), 3)
+        self.assertEqual([m for m in msgs if m.startswith("(ERR)")], [])
+        self.assertIn("(INF) run_app: done reading from source fd5, quit=1", msgs)
+        self.assertNoShmLeft(p.pid)
+
+
+CLEAN_RINGS = os.path.join(os.path.dirname(__file__), "../../dist/kst-clean-rings")
+
+
+class CrashLeftoverTest(FaultCase):
+    def test_the_ring_of_a_killed_process_is_removed_by_the_stop_script(self):
+        # In a mount namespace with a /dev/shm of its own, so that the script
+        # sees this test's ring and no one else's.
+        probe = subprocess.run(["unshare", "--mount", "true"], capture_output=True, timeout=20)
+        if probe.returncode != 0:
+            self.skipTest("no mount namespace can be made here")
+        feed = TcpFeed()
+        script = (
+            'mount -t tmpfs tmpfs /dev/shm || exit 90\n'
+            '"$0" -T -q -l "$1" -i "$2" & pid=$!\n'
+            'i=0; while [ ! -e /dev/shm/mmr.$pid.1 ] && [ $i -lt 400 ]; do sleep 0.05; i=$((i+1)); done\n'
+            'echo "ring: $(ls /dev/shm)"\n'
+            'kill -9 $pid; wait $pid\n'
+            'echo "after kill: $(ls /dev/shm)"\n'
+            'sh "$3"\n'
+            'echo "after clean: $(ls /dev/shm)"\n'
+            'echo "pid: $pid"\n')
+        runner = {}
+        t = threading.Thread(target=lambda: runner.update(r=subprocess.run(
+            ["unshare", "--mount", "--propagation", "private", "sh", "-c", script, KST, self.path("k.log"),
+             feed.url, CLEAN_RINGS], capture_output=True, text=True, timeout=60)), daemon=True)
+        t.start()
+        w = feed.accept()
+        t.join(timeout=70)
+        if w is not None:
+            os.close(w)
+        r = runner["r"]
+        self.assertEqual(r.returncode, 0, r.stderr)
+        pid = re.search(r"^pid: (\d+)$", r.stdout, re.M).group(1)
+        ring = f"mmr.{pid}.1"
+        self.assertIn(f"ring: {ring}\n", r.stdout)
+        self.assertIn(f"after kill: {ring}\n", r.stdout)
+        self.assertIn(f"removed /dev/shm/{ring} (process {pid} is gone)\n", r.stdout)
+        self.assertIn("after clean: \n", r.stdout)
+
+    def test_the_stop_script_keeps_the_rings_of_live_processes(self):
+        d = self.path("shm")
+        os.mkdir(d)
+        live = os.path.join(d, f"mmr.{os.getpid()}.1")
+        dead_pid = 4194303  # above any pid_max in use here
+        self.assertFalse(os.path.exists(f"/proc/{dead_pid}"))
+        dead = os.path.join(d, f"mmr.{dead_pid}.2")
+        other = os.path.join(d, "mmr.x.1")
+        for f in (live, dead, other):
+            open(f, "w").close()
+        r = subprocess.run(["sh", CLEAN_RINGS, d], capture_output=True, text=True, timeout=30)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertEqual(sorted(os.listdir(d)), sorted([os.path.basename(live), os.path.basename(other)]))
 
 
 class LostSyncBailOutTest(AnalyzerTestCase):
