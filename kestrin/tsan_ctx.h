@@ -74,6 +74,7 @@ struct tsan_ctx {
     stream_info stm[MAX_NSTREAMS];
     char ptag[PTAG_MAX];  // tag of the current packet
     time_t last_stats_dumped;
+    tsan_ctx* next_live;  // the contexts made and not yet freed, linked
 };
 
 inline tsan_ctx* tsan_ctx_of(tsan_t t)
