@@ -95,6 +95,27 @@ def wait_drained(fd, timeout=20.0):
     return wait_for(drained, timeout=timeout, step=0.01)
 
 
+def udp_rx_queue(port):
+    """Bytes waiting in the receive queue of the loopback UDP socket bound to
+    port (kst's source), or None if there is none."""
+    for table in ("/proc/net/udp", "/proc/net/udp6"):
+        try:
+            with open(table) as f:
+                rows = f.read().splitlines()[1:]
+        except OSError:
+            continue
+        for row in rows:
+            cols = row.split()
+            if int(cols[1].split(":")[1], 16) == port:
+                return int(cols[4].split(":")[1], 16)
+    return None
+
+
+def wait_udp_drained(port, timeout=20.0):
+    """Waits, bounded, until kst has taken every datagram queued for it."""
+    return wait_for(lambda: udp_rx_queue(port) == 0, timeout=timeout, step=0.002)
+
+
 def align_to_second(after=0.05):
     """Sleeps to just after the start of the next second of the wall clock:
     reports are timed in whole seconds, so a burst sent now stays within one
