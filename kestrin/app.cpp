@@ -201,8 +201,8 @@ int run_app()
             continue;
         }
         if (nread <= 0) {
-            // The end of a stream and an empty datagram take the road of a
-            // failure; errno is taken as the last call left it.
+            // The end of a stream takes the road of a failure; errno is
+            // taken as the last call left it.
             const int err = errno;
             where = "recv/Read_f";
             if (err == EINTR) {
