@@ -56,6 +56,21 @@ void mmr_add_pkts(mmr_t ring, size_t npkts);
 uint64_t mmr_adjust_pktnum(mmr_t ring, uint64_t new_first_idx);
 void mmr_get_opt(mmr_t ring, mm_opt* opt);
 
+// Packet numbering when the analysis pass stops and starts again in flight.
+// Whether the ring numbers its packets now (the analysis pass tells it).
+bool mmr_numbers_pkts(mmr_t ring);
+// Stops numbering: the cap no longer counts packets out, the numbers stay.
+void mmr_stop_pktnums(mmr_t ring);
+// Starts numbering again from what the ring holds now: the first packet is
+// the one at the bytes that left the ring so far, and every packet held,
+// the partial one at the tail included, is counted in. Does nothing before
+// the packet length is known. Keeps first <= last whatever happened while
+// numbering was off.
+void mmr_restart_pktnums(mmr_t ring);
+// Bytes that have left the ring since it was made: dropped by the cap or
+// skipped to find sync.
+uint64_t mmr_bytes_out(mmr_t ring);
+
 // Read-out and eviction.
 using cap_ppfunc = int (*)(const iovec*);
 bool mmr_sync_found(int32_t snum, const uint8_t* pkt);

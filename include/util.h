@@ -16,7 +16,20 @@ extern volatile sig_atomic_t g_hup;
 extern volatile sig_atomic_t g_usr1;
 extern volatile sig_atomic_t g_tdbg;
 extern volatile sig_atomic_t g_goodbye;
-extern volatile sig_atomic_t g_sigctx;  // a handler is running: the logger keeps syslog and rotation out
+// How many handlers are running, one inside the other: while it is above 0
+// the logger writes with write(2) from a buffer of the handler's own and
+// keeps stdio, syslog and rotation out.
+extern volatile sig_atomic_t g_sigctx;
+
+// What a handler keeps from the code it interrupted and gives back on its
+// way out: that code's errno, and the depth of handlers below it. A handler
+// that ran between a failed call and the reading of errno changes nothing.
+struct sig_frame {
+    int saved_errno;
+    sig_atomic_t depth;
+};
+void sigctx_enter(sig_frame* f);
+void sigctx_leave(const sig_frame* f);
 
 // The quit signals, in the order they are installed.
 constexpr int qsigs_LEN = 3;

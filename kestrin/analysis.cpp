@@ -78,6 +78,20 @@ ssize_t seg_process(const mm_info& info, const uint8_t* seg, size_t seglen, cons
 
 }  // namespace
 
+void analysis_switched(bool on)
+{
+    if (!on) {
+        // Nothing adds packets while the pass is off; a cap that went on
+        // counting them out would pass the first number over the last.
+        mmr_stop_pktnums(g_ctx.mmr);
+        return;
+    }
+    // What was carried over ended before the pause; the next read does not
+    // continue it.
+    pctx.tail_size = 0;
+    mmr_restart_pktnums(g_ctx.mmr);
+}
+
 process_ctx* analysis_state()
 {
     return &pctx;
@@ -175,7 +189,10 @@ int analyze_input(uint8_t* buf, size_t buflen)
         pctx.tail_size = 0;
     } else {
         if (g_ctx.abuf == nullptr) {
-            const size_t len = (g_cfg.cache_sz_mb << 20) - g_cfg.min_read_bytes;
+            // The largest read fills the whole ring when it is nearly empty,
+            // and the longest tail carried in front of it is one packet short
+            // of a whole one: room for both.
+            const size_t len = (g_cfg.cache_sz_mb << 20) + MAX_TS_LEN;
             g_ctx.abuf = static_cast<uint8_t*>(W_calloc("analyze_input", 1, len));
             if (g_ctx.abuf == nullptr)
                 return -12;

@@ -24,6 +24,10 @@ struct process_ctx {
 // -9, -12).
 int analyze_input(uint8_t* buf, size_t buflen);
 
+// The analyzer was switched off or on in flight (by a reload): the ring's
+// packet numbering stops, or starts again from what the ring holds now.
+void analysis_switched(bool on);
+
 // After each read when throughput reports are on.
 void update_tps(size_t nbytes);
 void update_tps_at(size_t nbytes, time_t now);  // at a given time, for tests

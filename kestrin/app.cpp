@@ -192,6 +192,8 @@ int run_app()
 
     // Fixed for the run: the ring always keeps this much vacant for the next read.
     const size_t max_pld_left = g_cfg.cache_sz_mb * BYTES_IN_MB - g_cfg.min_read_bytes;
+    // Whether the analyzer ran in the last turn; a reload may switch it.
+    bool analyzing = g_cfg.tsa.is_enabled;
 
     while (!g_quit) {
         (void)process_signals();
@@ -220,9 +222,15 @@ int run_app()
 
         ssize_t nread = pkt_mode ? recv(g_ctx.ssock, dest, pt.len, 0)
                                  : W_read_f("run_app", g_ctx.ssock, dest, pt.len, 0);
+        if (nread == 0 && pkt_mode) {
+            // A datagram of no bytes is no end: a datagram socket has none.
+            // Anyone who can reach the port could otherwise stop the capture.
+            LOG_AT(DEBUG_level, "%s: empty datagram on fd%d, skipped\n", "run_app", g_ctx.ssock);
+            continue;
+        }
         if (nread <= 0) {
-            // The end of a stream and an empty datagram take the road of a
-            // failure; errno is taken as the last call left it.
+            // The end of a stream takes the road of a failure; errno is
+            // taken as the last call left it.
             const int err = errno;
             where = "recv/Read_f";
             if (err == EINTR) {
@@ -262,6 +270,10 @@ int run_app()
         if (g_cfg.tsa.is_enabled)
             report_stats();
         (void)config_reload_check();
+        if (g_cfg.tsa.is_enabled != analyzing) {
+            analyzing = g_cfg.tsa.is_enabled;
+            analysis_switched(analyzing);
+        }
         where = "#unknown#";
         rc = 0;
     }

@@ -15,12 +15,13 @@ namespace {
 
 void exit_on_sig(int signo)
 {
-    g_sigctx = 1;
+    sig_frame sf;
+    sigctx_enter(&sf);
     g_quit = 1;
     if (signo == SIGINT || signo == SIGTERM)
         g_goodbye = 1;
     LOG_AT(NORM_level, "Received QUIT-SIG(%d), will exit now.\n", signo);
-    g_sigctx = 0;
+    sigctx_leave(&sf);
 }
 
 // Opens a log on a file, or on a command when the path starts with '|'.

@@ -27,9 +27,18 @@ int mk_snapshot_file(char* fpath, size_t len, const char* suffix)
 {
     mm_info info{};
     mmr_get_info(g_ctx.mmr, &info);
+    uint64_t first = info.first_pktnum;
+    uint64_t count = info.last_pktnum - info.first_pktnum;
+    // Without the analyzer the ring numbers no packets, and names made from
+    // its numbers would all read p0_0: a second file would clash with the
+    // first for ever. The numbers then come from the bytes: those that have
+    // left the ring and those it holds, in packets.
+    if (!mmr_numbers_pkts(g_ctx.mmr) && info.ts_len != 0) {
+        first = mmr_bytes_out(g_ctx.mmr) / info.ts_len;
+        count = info.pld_size / info.ts_len;
+    }
     const int n = snprintf(fpath, len - 1, "%s/%s%lu-p%lu_%lu-%s.ts", g_cfg.snap_dir, g_cfg.snap_pfx,
-                           (unsigned long)getpid(), (unsigned long)info.first_pktnum,
-                           (unsigned long)(info.last_pktnum - info.first_pktnum), suffix);
+                           (unsigned long)getpid(), (unsigned long)first, (unsigned long)count, suffix);
     if (n < 1 || n > (int)len - 1) {
         LOG_AT(ERR_level, "%s: cannot make snapshot name, n=%d\n", "mk_snapshot_file", n);
         return -1;
@@ -45,21 +54,23 @@ int mk_snapshot_file(char* fpath, size_t len, const char* suffix)
 
 void snapshot_on_sig(int signo)
 {
-    g_sigctx = 1;
+    sig_frame sf;
+    sigctx_enter(&sf);
     g_snapshot = 1;
     LOG_AT(NORM_level, "Received snapshot-SIG(%d).\n", signo);
-    g_sigctx = 0;
+    sigctx_leave(&sf);
 }
 
 void catch_alarm(int signo)
 {
-    g_sigctx = 1;
+    sig_frame sf;
+    sigctx_enter(&sf);
     LOG_AT(NORM_level, "Received alarm-SIG(%d).\n", signo);
     if (g_ctx.waiting_alarm) {
         g_snapalarm = 1;
         LOG_AT(INFO_level, "%s: got the expected snapshot ALARM\n", "catch_alarm");
     }
-    g_sigctx = 0;
+    sigctx_leave(&sf);
 }
 
 int schedule_alarm()

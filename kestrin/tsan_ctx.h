@@ -86,6 +86,7 @@ struct tsan_ctx {
     char ptag[PTAG_MAX];  // its text, once made
     bool ptag_made;
     time_t last_stats_dumped;
+    tsan_ctx* next_live;  // the contexts made and not yet freed, linked
 };
 
 inline tsan_ctx* tsan_ctx_of(tsan_t t)

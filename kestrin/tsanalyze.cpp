@@ -354,6 +354,35 @@ char code2stype(uint8_t scode)
     }
 }
 
+namespace {
+
+// Every context made and not yet freed. A second free is told by a handle
+// that isn't here: looking at the handle's own bytes to tell it would read
+// memory already given back.
+tsan_ctx* g_live_ctx = nullptr;
+
+// Takes tc off the list; false if it wasn't on it.
+bool unlink_live(const tsan_ctx* tc)
+{
+    for (tsan_ctx** pp = &g_live_ctx; *pp != nullptr; pp = &(*pp)->next_live) {
+        if (*pp == tc) {
+            *pp = tc->next_live;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool is_live(const tsan_ctx* tc)
+{
+    for (const tsan_ctx* p = g_live_ctx; p != nullptr; p = p->next_live)
+        if (p == tc)
+            return true;
+    return false;
+}
+
+}  // namespace
+
 tsan_t tsan_init(const char* source, const tsan_config* cfg, int* err)
 {
     auto* tc = static_cast<tsan_ctx*>(W_calloc("tsan_init", 1, sizeof(tsan_ctx)));
@@ -370,6 +399,8 @@ tsan_t tsan_init(const char* source, const tsan_config* cfg, int* err)
     }
     tc->pg.pcr_idx = -1;
     tc->pg.ref_idx = -1;
+    tc->next_live = g_live_ctx;
+    g_live_ctx = tc;
     if (err != nullptr)
         *err = 0;
     LOG_AT(DEBUG_level, "%s: tsan[%s] (%p) created\n", "tsan_init", tc->cfg.source, (void*)tc);
@@ -379,12 +410,14 @@ tsan_t tsan_init(const char* source, const tsan_config* cfg, int* err)
 void tsan_free(tsan_t t)
 {
     tsan_ctx* tc = tsan_ctx_of(t);
-    // An empty tag is taken for a context that is gone.
-    if (tc->cfg.source[0] == '\0') {
+    // A handle that was freed already is not looked at; a context with an
+    // empty tag is taken for one that is gone, and kept.
+    if (!is_live(tc) || tc->cfg.source[0] == '\0') {
         LOG_AT(WARN_level, "%s: avoiding double-freeing of tsan[] (%p)\n", "tsan_free", t);
         return;
     }
     LOG_AT(DEBUG_level, "%s: freeing up tsan[%s] (%p)\n", "tsan_free", tc->cfg.source, t);
+    (void)unlink_live(tc);
     free(tc);
 }
 

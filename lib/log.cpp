@@ -12,6 +12,7 @@
 #include <cstring>
 #include <strings.h>
 
+#include "sigsafe.h"
 #include "timeop.h"
 #include "util.h"
 #include "vrassert.h"
@@ -23,6 +24,11 @@ int g_mod_ll[LL_MAX_MODULES];
 int g_sec_ll[LL_MAX_SECTIONS];
 
 static char g_outbuf[LOG_OUTBUF_SZ];
+// A handler composes in a buffer of its own, one for each depth of handlers
+// that interrupt each other, so that it never overwrites a line that the
+// code it interrupted is still composing.
+constexpr int LOG_SIG_DEPTH = 8;
+static char g_sigbuf[LOG_SIG_DEPTH][LOG_OUTBUF_SZ];
 static int g_saved_ll[LL_MAX_MODULES];
 static bool mlevels_pushed = false;
 
@@ -77,6 +83,52 @@ bool is_std_stream(const FILE* fp)
 // terminator, so a line of 2047 bytes in all is cut.
 constexpr size_t k_line_room = sizeof(g_outbuf) - 1;
 
+// The line buffer of the present context: the loop's, or the one of the
+// running handler's depth. Handlers nested deeper than the buffers go (never
+// seen: each signal is blocked while its own handler runs) get none.
+char* line_buf()
+{
+    const sig_atomic_t depth = g_sigctx;
+    if (depth <= 0)
+        return g_outbuf;
+    if (depth > LOG_SIG_DEPTH)
+        return nullptr;
+    return g_sigbuf[depth - 1];
+}
+
+// The logger's own failures. In a handler stdio may be held by the code it
+// interrupted, so the text is made and written without it; strerror is not
+// safe there either, so a handler's perror line gives the number only.
+void log_err(const char* fmt, ...) VRX_PRINTF(1, 2);
+void log_err(const char* fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    if (g_sigctx) {
+        char text[LOG_ERRMSG_MAX];
+        const int n = sigs_vformat(text, sizeof(text), fmt, ap);
+        if (n > 0)
+            (void)sigs_write_all(STDERR_FILENO, text, (size_t)n < sizeof(text) ? (size_t)n : sizeof(text) - 1);
+    } else {
+        vfprintf(stderr, fmt, ap);
+    }
+    va_end(ap);
+}
+
+void log_perror(const char* what)
+{
+    if (g_sigctx)
+        log_err("%s: ERROR(%d)\n", what, errno);
+    else
+        perror(what);
+}
+
+// vsnprintf, or in a handler the formatter that takes no lock.
+int line_vformat(char* buf, size_t len, const char* fmt, va_list ap)
+{
+    return g_sigctx ? sigs_vformat(buf, len, fmt, ap) : vsnprintf(buf, len, fmt, ap);
+}
+
 }  // namespace
 
 namespace log_detail {
@@ -125,16 +177,17 @@ int do_open(log_ctx* log, const char* filecmd)
 
 namespace {
 
-// Appends to g_outbuf at *pos; false (and a line on stderr) if it didn't fit.
-bool append(size_t* pos, const char* what, const char* fmt, ...) VRX_PRINTF(3, 4);
-bool append(size_t* pos, const char* what, const char* fmt, ...)
+// Appends to the line buffer at *pos; false (and a line on stderr) if it
+// didn't fit.
+bool append(char* out, size_t* pos, const char* what, const char* fmt, ...) VRX_PRINTF(4, 5);
+bool append(char* out, size_t* pos, const char* what, const char* fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    int n = vsnprintf(g_outbuf + *pos, k_line_room - *pos, fmt, ap);
+    int n = line_vformat(out + *pos, k_line_room - *pos, fmt, ap);
     va_end(ap);
     if (n <= 0 || (size_t)n >= k_line_room - *pos) {
-        fprintf(stderr, what, "logbuf_prepare", n);
+        log_err(what, "logbuf_prepare", n);
         return false;
     }
     *pos += (size_t)n;
@@ -147,6 +200,9 @@ void glog_init(const char* app_tag)
 {
     strncpy(g_logmod.app_tag, app_tag ? app_tag : "", sizeof(g_logmod.app_tag) - 1);
     g_logmod.is_ready = true;
+    // The zone's name and offset are learnt here, outside any handler, so a
+    // handler's line has a stamp in local time from the very first signal.
+    (void)get_timezone(false);
 }
 
 void log_default(log_ctx* log, FILE* fp)
@@ -311,93 +367,127 @@ FILE* log_mirror_fp(log_ctx* log)
 
 void logbuf_reset()
 {
-    g_outbuf[0] = '\0';
+    if (char* out = line_buf())
+        out[0] = '\0';
 }
 
 bool logbuf_empty()
 {
-    return g_outbuf[0] == '\0';
+    const char* out = line_buf();
+    return out == nullptr || out[0] == '\0';
 }
 
 const char* logbuf_text()
 {
-    return g_outbuf;
+    const char* out = line_buf();
+    return out ? out : "";
 }
 
 int logbuf_prepare(log_ctx* log, int level, const char* fmt, ...)
 {
+    char* const out = line_buf();
+    if (out == nullptr)
+        return -1;
     size_t pos = 0;
-    g_outbuf[0] = '\0';
+    out[0] = '\0';
 
     if (!(log->time_format & f_NO_TIME)) {
         const uint32_t timer = log->time_format & f_TIMER_ID;
         if (timer > f_MONOTONIC_TIMER) {
-            fprintf(stderr, "%s: unsupported timer value: %u\n", "flags2clock", timer);
+            log_err("%s: unsupported timer value: %u\n", "flags2clock", timer);
             return -1;
         }
         timespec ts;
         if (clock_gettime(timer == f_MONOTONIC_TIMER ? CLOCK_MONOTONIC : CLOCK_REALTIME, &ts) != 0) {
-            perror("clock_gettime");
+            log_perror("clock_gettime");
             return -1;
         }
-        ssize_t n = mk_timestr(&ts, log->time_format, g_outbuf, k_line_room);
+        ssize_t n = mk_timestr(&ts, log->time_format, out, k_line_room);
         if (n <= 0 || (size_t)n + 1 >= k_line_room) {
-            fprintf(stderr, "%s: time buffer error (n=%d)\n", "logbuf_prepare", (int)n);
-            g_outbuf[0] = '\0';
+            log_err("%s: time buffer error (n=%d)\n", "logbuf_prepare", (int)n);
+            out[0] = '\0';
             return -1;
         }
-        g_outbuf[n] = ' ';
-        g_outbuf[n + 1] = '\0';
+        out[n] = ' ';
+        out[n + 1] = '\0';
         pos = (size_t)n + 1;
 
-        if (log->pid > 0 && !append(&pos, "%s: pid buffer error (n=%d)", "%lu  ", (unsigned long)log->pid))
+        if (log->pid > 0 && !append(out, &pos, "%s: pid buffer error (n=%d)", "%lu  ", (unsigned long)log->pid))
             return -1;
     }
     if (level >= MIN_level + 1) {
         const level_row* row = find_level(level);
-        if (!append(&pos, "%s: level buffer error (n=%d)\n", "%s  ", row ? row->tag : "( ? )"))
+        if (!append(out, &pos, "%s: level buffer error (n=%d)\n", "%s  ", row ? row->tag : "( ? )"))
             return -1;
     }
     if (log->group.num64 != 0) {
         VRX_ASSERT(0 == log->group.sym8[sizeof(log->group.sym8)-1]);
-        if (!append(&pos, "%s: group buffer error (n=%d)", "%s  ", log->group.sym8))
+        if (!append(out, &pos, "%s: group buffer error (n=%d)", "%s  ", log->group.sym8))
             return -1;
     }
 
     va_list ap;
     va_start(ap, fmt);
-    int n = vsnprintf(g_outbuf + pos, k_line_room - pos, fmt, ap);
+    int n = line_vformat(out + pos, k_line_room - pos, fmt, ap);
     va_end(ap);
     // An overlong line still reaches the log, cut and with no line end.
     if (n <= 0 || (size_t)n >= k_line_room - pos) {
-        perror("fprintf/vfprintf");
+        log_perror("fprintf/vfprintf");
         return -1;
     }
     return n;
 }
 
+namespace {
+
+// A handler's line goes to the stream's descriptor with write(2): the stream
+// itself may be locked by the code the handler interrupted (glibc's stdio
+// locks even in a single thread). glibc's fileno reads the descriptor field
+// without taking that lock. The application log is unbuffered and opened for
+// appending, so the line lands whole between the loop's lines.
+void flush_in_handler(log_ctx* log, const char* out)
+{
+    const size_t len = strlen(out);
+    const int fd = log->fp != nullptr ? fileno(log->fp) : -1;
+    if (fd >= 0) {
+        (void)sigs_write_all(fd, out, len);
+        log->total_out += len;
+    }
+    if (log->mirror_fp != nullptr) {
+        const int mfd = fileno(log->mirror_fp);
+        if (mfd >= 0 && mfd != fd)
+            (void)sigs_write_all(mfd, out, len);
+    }
+}
+
+}  // namespace
+
 void log_flush(log_ctx* log, int level)
 {
-    if (g_outbuf[0] == '\0')
+    const char* const out = line_buf();
+    if (out == nullptr || out[0] == '\0')
         return;
+    if (g_sigctx) {
+        // Syslog and rotation are kept out of signal handlers.
+        flush_in_handler(log, out);
+        return;
+    }
     if (log->fp != nullptr) {
-        fputs(g_outbuf, log->fp);
-        log->total_out += strlen(g_outbuf);
+        fputs(out, log->fp);
+        log->total_out += strlen(out);
     }
     if (log->mirror_fp != nullptr &&
         (log->fp == nullptr || fileno(log->mirror_fp) != fileno(log->fp)))
-        fputs(g_outbuf, log->mirror_fp);
+        fputs(out, log->mirror_fp);
 
-    // Syslog is kept out of signal handlers.
-    if (!g_sigctx && level < 0 && log->use_syslog) {
+    if (level < 0 && log->use_syslog) {
         const level_row* row = find_level(level);
-        syslog((row ? row->syslog_prio : 7) | LOG_LOCAL0, "%s", g_outbuf);
+        syslog((row ? row->syslog_prio : 7) | LOG_LOCAL0, "%s", out);
     }
 
     // The test comes after the write, so the line that reaches the limit
-    // still goes whole into the old file. Rotation closes and opens files,
-    // which a signal handler must not do.
-    if (!g_sigctx && log->fp != nullptr && log->fp != stdout && log->fp != stderr)
+    // still goes whole into the old file.
+    if (log->fp != nullptr && log->fp != stdout && log->fp != stderr)
         log_detail::log_rota_check(log);
 }
 

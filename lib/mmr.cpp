@@ -166,6 +166,7 @@ int mmr_iput_ex(mmr_t ring, mm_point* pt, bool is_dgram)
     LOG_ASSERT(mr->pld_size + pt->len <= mr->buflen);
     // Counted first: the bytes stay counted even if the detection fails.
     mr->pld_size += pt->len;
+    mr->bytes_in += pt->len;
     if (mr->pld_pos >= 0)
         return 0;
 
@@ -282,6 +283,37 @@ uint64_t mmr_adjust_pktnum(mmr_t ring, uint64_t new_first_idx)
     LOG_AT(INFO_level, "%s: %lu/%lu -> %lu/%lu\n", "mmr_adjust_pktnum", (unsigned long)old_first,
            (unsigned long)old_last, (unsigned long)mr->first_pktnum, (unsigned long)mr->last_pktnum);
     return (uint64_t)mr->last_pktnum;
+}
+
+bool mmr_numbers_pkts(mmr_t ring)
+{
+    return as_ring(ring)->using_pktnums;
+}
+
+void mmr_stop_pktnums(mmr_t ring)
+{
+    as_ring(ring)->using_pktnums = false;
+}
+
+void mmr_restart_pktnums(mmr_t ring)
+{
+    mm_ring* mr = as_ring(ring);
+    if (mr->ts_len == 0)
+        return;
+    // Every packet held goes out through the cap one day and is counted out
+    // then: all of them are counted in now, the tail's partial one included.
+    mr->first_pktnum = (int64_t)(mmr_bytes_out(ring) / mr->ts_len);
+    mr->last_pktnum = mr->first_pktnum + (int64_t)((mr->pld_size + mr->ts_len - 1) / mr->ts_len);
+    mr->using_pktnums = true;
+    ASSERT_PKTNUMS(mr);
+    LOG_AT(DEBUG_level, "%s: %lu/%lu\n", "mmr_restart_pktnums", (unsigned long)mr->first_pktnum,
+           (unsigned long)mr->last_pktnum);
+}
+
+uint64_t mmr_bytes_out(mmr_t ring)
+{
+    const mm_ring* mr = as_ring(ring);
+    return mr->bytes_in - mr->pld_size;
 }
 
 void mmr_get_opt(mmr_t ring, mm_opt* opt)

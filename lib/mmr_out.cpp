@@ -132,6 +132,11 @@ int mmr_oget_buf(mmr_t ring, uint8_t* buf, size_t buflen, iovec* iov, size_t* co
         data_size = buflen;
         max_delta = MAX_TS_LEN;
     } else {
+        // A ring whose first chunk was refused holds counted bytes but no
+        // head (pld_pos is -1) and no stream: there are no records to read,
+        // and buf + pld_pos would lie in front of the mapping.
+        if (mr->pld_pos < 0)
+            return EAGAIN;
         data = mr->buf + mr->pld_pos;
         data_size = mr->pld_size;
         // Size less position, as an unsigned number: a head beyond the size

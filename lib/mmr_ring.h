@@ -26,6 +26,7 @@ struct mm_ring {
     int64_t first_pktnum;
     int64_t last_pktnum;
     mm_opt opt;
+    uint64_t bytes_in;  // every byte ever put, so that bytes_in - pld_size have left
 };
 
 // The head has moved n bytes on: what stays verified is what lies beyond

@@ -171,6 +171,9 @@ int open_socket(const char* addr, const char* port, socket_spec* sspec, const ch
     errno = 0;
 
     int fd = -1;
+    // What the caller asked for; an address that fails gives it back, so a
+    // socket that never joined a group is never taken for one that did.
+    const unsigned asked_multicast = sspec->multicast;
     for (addrinfo* ai = res; ai != nullptr; ai = ai->ai_next) {
         LOG_AT(DEBUG_level, "af=%s (%d), proto = %d\n", af_name(ai->ai_family), ai->ai_family, ai->ai_protocol);
         fd = W_socket(fn, ai->ai_family, ai->ai_socktype, ai->ai_protocol);
@@ -206,6 +209,7 @@ int open_socket(const char* addr, const char* port, socket_spec* sspec, const ch
             free(rec);
             W_close(fn, fd);
             fd = -1;
+            sspec->multicast = asked_multicast;
             continue;
         }
 

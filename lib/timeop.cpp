@@ -2,12 +2,15 @@
 // own failures to standard error: they run inside a log call.
 #include "timeop.h"
 
+#include <unistd.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "log.h"
+#include "sigsafe.h"
+#include "util.h"
 #include "vrassert.h"
 
 LOG_UNIT(LLMOD_DEFAULT);
@@ -17,8 +20,15 @@ namespace {
 // Guards the calendar conversion against a handler that logs during a log call.
 volatile sig_atomic_t g_tmlock = 0;
 // The zone's short name with a blank in front, filled by the first stamp;
-// glibc already owns the name "timezone".
+// glibc already owns the name "timezone". Marked ready only once whole, so a
+// handler never reads half a name.
 char g_tzname_cache[16];
+volatile sig_atomic_t g_tzname_ready = 0;
+// The local zone's distance from UTC in seconds, as the last conversion
+// outside a handler found it. A handler can't call localtime_r (it takes
+// glibc's zone lock and may read files), so its stamps add this offset to
+// UTC; across a change of summer time they follow once the loop has logged.
+volatile sig_atomic_t g_gmtoff = 0;
 
 // The event loop's cached monotonic clock, written once per turn; this tool
 // runs no event loop, so it stays at zero.
@@ -129,23 +139,88 @@ const char* get_timezone(bool refresh)
     (void)refresh;
     if (g_tzname_cache[0] != '\0')
         return g_tzname_cache;
+    // A handler finds no name yet: its stamp goes without one.
+    if (g_sigctx)
+        return nullptr;
     time_t now = time(nullptr);
     struct tm tmv;
     if (localtime_r(&now, &tmv) == nullptr) {
         perror("localtime_r");
         return nullptr;
     }
-    size_t n = strftime(g_tzname_cache, sizeof(g_tzname_cache) - 1, " %Z", &tmv);
-    if (n == 0 || n >= sizeof(g_tzname_cache)) {
+    g_gmtoff = (sig_atomic_t)tmv.tm_gmtoff;
+    char name[sizeof(g_tzname_cache)] = {};
+    size_t n = strftime(name, sizeof(name) - 1, " %Z", &tmv);
+    if (n == 0 || n >= sizeof(name)) {
         perror("strftime");
         strcpy(g_tzname_cache, "#ERR#");
+        g_tzname_ready = 1;
         return nullptr;
     }
+    memcpy(g_tzname_cache, name, sizeof(name));
+    g_tzname_ready = 1;
     return g_tzname_cache;
 }
 
+namespace {
+
+// The calendar date of a day counted from 1970-01-01, by arithmetic alone
+// (proleptic Gregorian): what a handler uses in place of gmtime_r.
+void civil_from_days(long long z, int* y, int* m, int* d)
+{
+    z += 719468;
+    const long long era = (z >= 0 ? z : z - 146096) / 146097;
+    const unsigned doe = (unsigned)(z - era * 146097);
+    const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+    const unsigned mp = (5 * doy + 2) / 153;
+    *d = (int)(doy - (153 * mp + 2) / 5 + 1);
+    *m = (int)(mp < 10 ? mp + 3 : mp - 9);
+    *y = (int)((long long)yoe + era * 400 + (*m <= 2 ? 1 : 0));
+}
+
+// mk_timestr inside a signal handler: the same text, made without the
+// calendar functions, stdio or the zone lock.
+ssize_t mk_timestr_in_handler(const timespec* tms, uint32_t flags, char* buf, size_t buflen)
+{
+    if (flags & f_RAW_TIME) {
+        const int n = sigs_format(buf, buflen, "%ld.%06ld", (long)tms->tv_sec, tms->tv_nsec / 1000);
+        return (n >= 0 && (size_t)n < buflen) ? n : -1;
+    }
+    const long long t = (long long)tms->tv_sec + ((flags & f_GMT_TIME) ? 0 : (long long)g_gmtoff);
+    long long days = t / 86400;
+    long long secs = t % 86400;
+    if (secs < 0) {
+        secs += 86400;
+        days -= 1;
+    }
+    int y, mon, d;
+    civil_from_days(days, &y, &mon, &d);
+    const char* zone = g_tzname_ready ? g_tzname_cache : "";
+    const int hh = (int)(secs / 3600), mm = (int)(secs % 3600 / 60), ss = (int)(secs % 60);
+    int n;
+    if (flags & f_FMT_SECONDS)
+        n = sigs_format(buf, buflen, "%04d-%02d-%02d %02d:%02d:%02d%s", y, mon, d, hh, mm, ss, zone);
+    else
+        n = sigs_format(buf, buflen, "%04d-%02d-%02d %02d:%02d:%02d.%06ld%s", y, mon, d, hh, mm, ss,
+                        tms->tv_nsec / 1000, zone);
+    if (n > (int)buflen) {
+        char text[128];
+        const int m = sigs_format(text, sizeof(text), "%s: timestamp buffer needs %d bytes, only %ld provided\n",
+                                  "mk_timestr", n, (long)buflen);
+        if (m > 0)
+            (void)sigs_write_all(STDERR_FILENO, text, (size_t)m < sizeof(text) ? (size_t)m : sizeof(text) - 1);
+        return -1;
+    }
+    return n;
+}
+
+}  // namespace
+
 ssize_t mk_timestr(const timespec* tms, uint32_t flags, char* buf, size_t buflen)
 {
+    if (g_sigctx)
+        return mk_timestr_in_handler(tms, flags, buf, buflen);
     if (flags & f_RAW_TIME) {
         int n = snprintf(buf, buflen, "%ld.%06ld", (long)tms->tv_sec, tms->tv_nsec / 1000);
         return (n >= 0 && (size_t)n < buflen) ? n : -1;
@@ -161,6 +236,8 @@ ssize_t mk_timestr(const timespec* tms, uint32_t flags, char* buf, size_t buflen
         perror("gmtime_r/localtime_r");
         return -1;
     }
+    if (!(flags & f_GMT_TIME))
+        g_gmtoff = (sig_atomic_t)tmv.tm_gmtoff;
     // The zone is the local one even for a stamp in UTC, so the lines of one
     // machine always end alike whatever the stamp's clock.
     const char* zone = get_timezone(false);

@@ -111,46 +111,63 @@ int set_unlimited_core(rlimit* old)
     return rc;
 }
 
+void sigctx_enter(sig_frame* f)
+{
+    f->saved_errno = errno;
+    f->depth = g_sigctx;
+    g_sigctx = f->depth + 1;
+}
+
+void sigctx_leave(const sig_frame* f)
+{
+    g_sigctx = f->depth;
+    errno = f->saved_errno;
+}
+
 // The handlers raise g_sigctx around their line so that the logger keeps
-// syslog and rotation out of signal context.
+// stdio, syslog and rotation out of signal context.
 
 void on_sighup(int signo)
 {
-    g_sigctx = 1;
+    sig_frame sf;
+    sigctx_enter(&sf);
     g_hup = 1;
     LOG_AT(NORM_level, "SIGHUP(%d)\n", signo);
-    g_sigctx = 0;
+    sigctx_leave(&sf);
 }
 
 void on_sigusr1(int signo)
 {
-    g_sigctx = 1;
+    sig_frame sf;
+    sigctx_enter(&sf);
     g_usr1 = 1;
     LOG_AT(NORM_level, "SIGUSR1(%d)\n", signo);
-    g_sigctx = 0;
+    sigctx_leave(&sf);
 }
 
 void on_tdbg(int signo)
 {
-    g_sigctx = 1;
+    sig_frame sf;
+    sigctx_enter(&sf);
     g_tdbg = 1;
     LOG_AT(NORM_level, "T-DBG SIG(%d)\n", signo);
-    g_sigctx = 0;
+    sigctx_leave(&sf);
 }
 
 void on_sigquit(int signo)
 {
-    g_sigctx = 1;
+    sig_frame sf;
+    sigctx_enter(&sf);
     g_quit = 1;
     if (signo == SIGINT || signo == SIGTERM)
         g_goodbye = 1;
     LOG_AT(NORM_level, "QUIT-SIG(%d)\n", signo);
-    g_sigctx = 0;
 
     // On the way out, children ending or reload requests must not break in.
     (void)install(SIGCHLD, SIG_IGN);
     (void)install(SIGHUP, SIG_IGN);
     (void)install(SIGUSR1, SIG_IGN);
+    sigctx_leave(&sf);
 }
 
 void reset_getopt_state()

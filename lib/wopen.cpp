@@ -145,8 +145,10 @@ int usock_open(const char* url, usock_ctx* uc)
 void usock_close(int fd, usock_ctx* uc)
 {
     if (uc != nullptr) {
-        // A sending multicast socket joined nothing and leaves nothing.
-        if (uc->sspec.multicast && !uc->sspec.writer)
+        // A sending multicast socket joined nothing and leaves nothing. Nor
+        // does a socket whose join failed: it has no descriptor and no group
+        // address (the address is kept only once the join succeeded).
+        if (uc->sspec.multicast && !uc->sspec.writer && fd >= 0 && uc->sspec.addr_ss.ss_family != AF_UNSPEC)
             (void)mcast_leave(fd, &uc->sspec.addr_ss, uc->mifc);
         free(uc->url_path);
         uc->url_path = nullptr;

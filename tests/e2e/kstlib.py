@@ -60,6 +60,62 @@ def wait_for(pred, timeout=10.0, step=0.02):
         time.sleep(step)
 
 
+def _tcp_queues(local_port, remote_port):
+    """The (tx, rx) queues of the loopback TCP connection from local_port to
+    remote_port, as the kernel's table shows them; None if it is gone."""
+    try:
+        with open("/proc/net/tcp") as f:
+            rows = f.read().splitlines()[1:]
+    except OSError:
+        return None
+    for row in rows:
+        cols = row.split()
+        lport = int(cols[1].split(":")[1], 16)
+        rport = int(cols[2].split(":")[1], 16)
+        if (lport, rport) == (local_port, remote_port):
+            tx, rx = cols[4].split(":")
+            return int(tx, 16), int(rx, 16)
+    return None
+
+
+def wait_drained(fd, timeout=20.0):
+    """Waits, bounded, until kst has read everything written so far into the
+    loopback TCP socket fd: nothing waits in either side's queue. A fixed
+    sleep would guess how fast a loaded machine reads."""
+    s = socket.socket(fileno=os.dup(fd))
+    try:
+        mine = s.getsockname()[1]
+        peer = s.getpeername()[1]
+    finally:
+        s.close()
+
+    def drained():
+        out, back = _tcp_queues(mine, peer), _tcp_queues(peer, mine)
+        return out is not None and back is not None and out[0] == 0 and back[1] == 0
+    return wait_for(drained, timeout=timeout, step=0.01)
+
+
+def udp_rx_queue(port):
+    """Bytes waiting in the receive queue of the loopback UDP socket bound to
+    port (kst's source), or None if there is none."""
+    for table in ("/proc/net/udp", "/proc/net/udp6"):
+        try:
+            with open(table) as f:
+                rows = f.read().splitlines()[1:]
+        except OSError:
+            continue
+        for row in rows:
+            cols = row.split()
+            if int(cols[1].split(":")[1], 16) == port:
+                return int(cols[4].split(":")[1], 16)
+    return None
+
+
+def wait_udp_drained(port, timeout=20.0):
+    """Waits, bounded, until kst has taken every datagram queued for it."""
+    return wait_for(lambda: udp_rx_queue(port) == 0, timeout=timeout, step=0.002)
+
+
 def align_to_second(after=0.05):
     """Sleeps to just after the start of the next second of the wall clock:
     reports are timed in whole seconds, so a burst sent now stays within one

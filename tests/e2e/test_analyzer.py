@@ -9,7 +9,7 @@ import time
 import unittest
 
 import tsmodel
-from kstlib import KstTestCase, align_to_second, make_ts, messages, read_text, wait_for
+from kstlib import KstTestCase, align_to_second, make_ts, messages, read_text, wait_drained, wait_for
 from test_rtp_snapshot import RTP_LEN, ffmpeg_rtp_datagrams
 from test_sources import free_udp_port, send_dgrams
 
@@ -214,7 +214,7 @@ class LostSyncTest(AnalyzerTestCase):
         self.junk_in_the_middle(w, data, 100)
         self.awaitLog(self.log, "offset=100 at iter#2")
         os.write(w, data[200 * tsmodel.TS:])
-        time.sleep(0.3)
+        self.assertTrue(wait_drained(w), "kst never read what was sent")
         self.stop_live(p, w)
 
         msgs = messages(read_text(self.log))

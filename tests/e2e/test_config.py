@@ -139,7 +139,8 @@ class ReloadTest(KstTestCase):
         with open(make_ts(self.path("one.ts"), seconds=1), "rb") as f:
             self.chunk = f.read(188 * 100)
         feed = TcpFeed()
-        self.p = self.start_kst(["-T", "-C", self.conf, "-i", feed.url])
+        # A ring of 1 MiB: a few mebibytes fed make the cap drop packets.
+        self.p = self.start_kst(["-T", "-C", self.conf, "-E", "1", "-i", feed.url])
         self.w = feed.accept()
         self.assertIsNotNone(self.w, "kst never connected")
         self.awaitLog(self.log, "Reading (STM)")
@@ -176,6 +177,30 @@ class ReloadTest(KstTestCase):
                         read_text(self.log))
         self.assertEqual(self.count("failed to reload config"), 0)
         self.stop_live(self.p, self.w)
+
+    def test_the_analyzer_switched_off_and_on_many_times_under_a_live_stream(self):
+        # Between every two switches the cap drops packets that the analyzer
+        # counted and packets it never saw.
+        mtime = os.stat(self.conf).st_mtime
+        names = set()
+        for i in range(8):
+            on = "true" if i % 2 == 0 else "false"
+            self.write_conf("  cache = { tail_size_mb = 0; tail_duration_ms = 0; };\n"
+                            f"  stream_analyzer = {{ enabled = {on}; source_tag = \"t\"; max_skipped_pkts = 100000000; }};\n",
+                            mtime=mtime + 10 * (i + 1))
+            self.assertTrue(wait_for(lambda: self.feed() or self.count("re-loading config") == i + 1,
+                                     timeout=10, step=0.1), read_text(self.log))
+            for _ in range((2 << 20) // len(self.chunk)):
+                self.feed()
+            self.p.send_signal(signal.SIGUSR2)
+            self.assertTrue(wait_for(lambda: self.feed() or len(glob.glob(f"{self.dir}/snap{self.p.pid}-p*-N.ts")) == i + 1,
+                                     timeout=10, step=0.1), read_text(self.log))
+            names.update(glob.glob(f"{self.dir}/snap{self.p.pid}-p*-N.ts"))
+        self.assertEqual(len(names), 8)
+        self.assertIsNone(self.p.poll(), "the capture must go on")
+        self.assertEqual(self.count("File exists"), 0)
+        self.stop_live(self.p, self.w)
+        self.assertNotIn("Assertion failed", self.p.stderr.read())
 
     def test_a_broken_file_keeps_the_old_settings_and_waits_until_it_is_touched(self):
         time.sleep(1.1)

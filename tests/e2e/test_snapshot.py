@@ -9,7 +9,7 @@ import subprocess
 import time
 import unittest
 
-from kstlib import KstTestCase, messages, need, read_text, repeated_ts, wait_for
+from kstlib import KstTestCase, messages, need, read_text, repeated_ts, wait_drained, wait_for
 
 TS_PKT = 188
 RING = 1 << 20
@@ -58,7 +58,7 @@ class SnapshotTest(KstTestCase):
         p, w = self.start("682:200")
         data = self.stream(4)
         os.write(w, data)
-        time.sleep(0.3)
+        self.assertTrue(wait_drained(w), "kst never read what was sent")
         p.send_signal(signal.SIGUSR2)
         self.awaitLog(self.log, "got the expected snapshot ALARM")
         # The alarm doesn't break the blocking read: the file waits for data.
@@ -68,11 +68,15 @@ class SnapshotTest(KstTestCase):
         os.write(w, extra)
         self.assertTrue(wait_for(lambda: self.snapshot_files(p.pid), timeout=10))
         files = self.snapshot_files(p.pid)
-        self.assertEqual([os.path.basename(f) for f in files], [f"snap{p.pid}-p0_0-A.ts"])
+        self.assertEqual(len(files), 1, files)
         self.awaitLog(self.log, "take_snapshot: write")
         with open(files[0], "rb") as f:
             snap = f.read()
         sent = data + extra
+        # Without the analyzer the name counts packets by bytes: those that
+        # left the ring before the snapshot, and those in it.
+        self.assertEqual(os.path.basename(files[0]),
+                         f"snap{p.pid}-p{(len(sent) - len(snap)) // TS_PKT}_{len(snap) // TS_PKT}-A.ts")
         # The newest bytes, cut at a packet boundary at the head, in the order sent.
         self.assertEqual(snap, sent[len(sent) - len(snap):])
         self.assertEqual((len(sent) - len(snap)) % TS_PKT, 0)
@@ -87,22 +91,58 @@ class SnapshotTest(KstTestCase):
         p, w = self.start("1:0")
         data = self.stream(3)
         os.write(w, data[:len(data) // 2])
-        time.sleep(0.2)
+        self.assertTrue(wait_drained(w), "kst never read what was sent")
         p.send_signal(signal.SIGUSR2)
         self.awaitLog(self.log, "take snapshot as soon as tail >= 1 Mb")
         self.assertEqual(self.snapshot_files(p.pid), [])
         os.write(w, data[len(data) // 2:])
         self.assertTrue(wait_for(lambda: self.snapshot_files(p.pid), timeout=10))
         files = self.snapshot_files(p.pid)
-        self.assertEqual([os.path.basename(f) for f in files], [f"snap{p.pid}-p0_0-B.ts"])
+        self.assertEqual(len(files), 1, files)
         self.awaitLog(self.log, "take_snapshot: write")
         text = read_text(self.log)
         self.assertRegex(text, r"run_app: tail size \(\d+\) >= 1 Mb")
         with open(files[0], "rb") as f:
             snap = f.read()
-        self.assertIn(snap, data)
+        m = re.fullmatch(rf"snap{p.pid}-p(\d+)_(\d+)-B\.ts", os.path.basename(files[0]))
+        self.assertIsNotNone(m, files[0])
+        first, count = int(m.group(1)), int(m.group(2))
+        self.assertEqual(count, len(snap) // TS_PKT)
+        self.assertEqual(data[first * TS_PKT:first * TS_PKT + len(snap)], snap)
         self.assertEqual(snap[0], 0x47)
         self.assertValidTs(files[0])
+        self.stop()
+
+    def test_requests_in_a_row_without_the_analyzer_each_make_a_new_file(self):
+        p, w = self.start("1:60000")
+        data = self.stream(9)
+        pos = 0
+        names = []
+        for i in range(3):
+            os.write(w, data[pos:pos + (3 << 19)])
+            pos += 3 << 19
+            self.assertTrue(wait_drained(w), "kst never read what was sent")
+            p.send_signal(signal.SIGUSR2)
+            self.assertTrue(wait_for(lambda: read_text(self.log).count("take snapshot as soon as tail") == i + 1,
+                                     timeout=10))
+            os.write(w, data[pos:pos + (5 << 18)])
+            pos += 5 << 18
+            self.assertTrue(wait_for(lambda: read_text(self.log).count("take_snapshot: write") == i + 1,
+                                     timeout=10), read_text(self.log))
+            files = [f for f in self.snapshot_files(p.pid) if os.path.basename(f) not in names]
+            self.assertEqual(len(files), 1, files)
+            name = os.path.basename(files[0])
+            m = re.fullmatch(rf"snap{p.pid}-p(\d+)_(\d+)-B\.ts", name)
+            self.assertIsNotNone(m, name)
+            first, count = int(m.group(1)), int(m.group(2))
+            with open(files[0], "rb") as f:
+                snap = f.read()
+            self.assertEqual(count, len(snap) // TS_PKT)
+            self.assertEqual(data[first * TS_PKT:first * TS_PKT + len(snap)], snap)
+            if names:
+                self.assertGreater(first, int(re.search(r"-p(\d+)_", names[-1]).group(1)))
+            names.append(name)
+        self.assertNotIn("File exists", read_text(self.log))
         self.stop()
 
     def test_a_request_during_a_tail_is_refused_and_makes_no_second_file(self):
@@ -123,7 +163,7 @@ class SnapshotTest(KstTestCase):
     def test_two_requests_at_once_make_one_file(self):
         p, w = self.start("682:100")
         os.write(w, self.stream(1))
-        time.sleep(0.2)
+        self.assertTrue(wait_drained(w), "kst never read what was sent")
         p.send_signal(signal.SIGUSR2)
         p.send_signal(signal.SIGUSR2)
         # Two signals may arrive as one; either way there is one request.
@@ -148,7 +188,7 @@ class SnapshotTest(KstTestCase):
         p, w = self.start("682:100")
         data = self.stream(1)
         os.write(w, data)
-        time.sleep(0.2)
+        self.assertTrue(wait_drained(w), "kst never read what was sent")
         p.send_signal(signal.SIGUSR2)
         self.awaitLog(self.log, "re-reading after an interrupt")
         self.awaitLog(self.log, "got the expected snapshot ALARM")

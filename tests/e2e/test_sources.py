@@ -12,7 +12,8 @@ import threading
 import time
 import unittest
 
-from kstlib import (KstTestCase, make_ts, messages, need, read_text, run_kst, shm_name, wait_for)
+from kstlib import (KstTestCase, make_ts, messages, need, read_text, run_kst, shm_name, wait_drained,
+                    wait_for, wait_udp_drained)
 from test_rtp_snapshot import RTP_LEN, ffmpeg_rtp_datagrams
 
 TS_PKT = 188
@@ -93,12 +94,15 @@ class SourceTestCase(KstTestCase):
 
 
 def send_dgrams(port, dgrams):
-    """Sends the datagrams to kst on loopback, paced so that none is dropped."""
+    """Sends the datagrams to kst on loopback, paced by kst itself so that none
+    is dropped however loaded the machine: after each batch the next waits
+    until kst has taken everything queued for it."""
     tx = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     for i, d in enumerate(dgrams):
         tx.sendto(d, ("127.0.0.1", port))
-        if i % 32 == 31:
-            time.sleep(0.002)
+        if i % 32 == 31 and not wait_udp_drained(port):
+            break  # kst stopped reading; the test's own checks tell why
+    wait_udp_drained(port)
     tx.close()
 
 
@@ -195,7 +199,7 @@ class TcpSourceTest(SourceTestCase):
         conn.sendall(data)
         self.awaitLog(self.log, "TS stream detected")
         self.assertTrue(wait_for(lambda: os.path.getsize(shm_name(p.pid)) > 0))
-        time.sleep(0.3)
+        self.assertTrue(wait_drained(conn.fileno()), "kst never read what was sent")
         extra = data[:TS_PKT]
         snap = self.snapshot(p, lambda: conn.sendall(extra))
         self.stop(p)

@@ -601,3 +601,27 @@ TEST(MmrOut, JunkBehindTheHeadOfTheLargestRingIsFoundAcrossItsWrap)
     EXPECT_EQ(mmr_cap(ring.h, ring.limit), -1);
     EXPECT_EQ(cap.text(), counting_failed(mr));
 }
+
+TEST(MmrOut, ARingWhoseFirstChunkWasRefusedHasNothingToReadOut)
+{
+    LogCapture cap;
+    mmr_t h = nullptr;
+    ASSERT_EQ(mmr_create(&h, BYTES_IN_MB), 0);
+    mm_point pt{};
+    uint8_t* p = mmr_iget(h, &pt);
+    ASSERT_NE(p, nullptr);
+    memset(p, 0x5a, 1000);  // no sync byte anywhere
+    pt.len = 1000;
+    ASSERT_EQ(mmr_iput(h, &pt), -EFAULT);
+    // The bytes are counted, the head is still unset: no read in front of
+    // the mapping, no records, the ring left as it was.
+    iovec iov[8] = {};
+    size_t count = 8;
+    EXPECT_EQ(mmr_oget(h, iov, &count), EAGAIN);
+    EXPECT_EQ(iov[0].iov_len, 0u);
+    mm_info info{};
+    mmr_get_info(h, &info);
+    EXPECT_EQ(info.pld_size, 1000u);
+    EXPECT_EQ(mmr_cap(h, 100), -1);
+    mmr_destroy(h);
+}

@@ -57,13 +57,19 @@ protected:
         memcpy(p, data.data(), data.size());
         pt.len = data.size();
         EXPECT_EQ(mmr_iput(g_ctx.mmr, &pt), 0);
+        held_ += npkts;
         return data;
     }
 
+    // Without the analyzer the numbers of the name come from the bytes:
+    // nothing has left the ring here, and it holds the packets fed.
     std::string name(const char* suffix) const
     {
-        return dir_.path() + "/snap" + std::to_string(getpid()) + "-p0_0-" + suffix + ".ts";
+        return dir_.path() + "/snap" + std::to_string(getpid()) + "-p0_" + std::to_string(held_) + "-" + suffix +
+               ".ts";
     }
+
+    size_t held_ = 0;
 
     TempDir dir_{"snap"};
     void (*old_alarm_)(int) = SIG_DFL;
@@ -95,6 +101,55 @@ TEST_F(Snapshot, TheNameCarriesPacketNumbers)
     static_cast<mm_ring*>(g_ctx.mmr)->first_pktnum = 1000;
     EXPECT_EQ(take_snapshot("B"), 0);
     EXPECT_TRUE(exists(dir_.path() + "/snap" + std::to_string(getpid()) + "-p1000_350-B.ts"));
+}
+
+TEST_F(Snapshot, WithoutPacketNumbersTheNameCountsPacketsByBytes)
+{
+    // A ring of 1 MiB capped as the loop caps it: what left it and what it
+    // holds, in packets.
+    const size_t limit = BYTES_IN_MB - 4096;
+    feed(5000);
+    ASSERT_GE(mmr_cap(g_ctx.mmr, limit), 0);
+    mm_info info{};
+    mmr_get_info(g_ctx.mmr, &info);
+    const uint64_t out = mmr_bytes_out(g_ctx.mmr);
+    ASSERT_EQ(out + info.pld_size, 5000u * 188);
+    ASSERT_EQ(out % 188, 0u);
+    EXPECT_EQ(take_snapshot("N"), 0);
+    EXPECT_TRUE(exists(dir_.path() + "/snap" + std::to_string(getpid()) + "-p" + std::to_string(out / 188) + "_" +
+                       std::to_string(info.pld_size / 188) + "-N.ts"));
+}
+
+TEST_F(Snapshot, SnapshotsInARowWithoutTheAnalyzerAreNewFilesEachTime)
+{
+    g_cfg.tail_sz_mb = 0;
+    g_cfg.tail_tm_ms = 0;
+    // Room for the next feed, as the loop keeps room for the next read.
+    const size_t limit = BYTES_IN_MB - 256 * 1024;
+    std::string sent;
+    std::vector<std::string> names;
+    for (int i = 0; i < 3; ++i) {
+        for (int k = 0; k < 4; ++k) {
+            auto d = feed(1000);
+            sent.append(d.begin(), d.end());
+            ASSERT_GE(mmr_cap(g_ctx.mmr, limit), 0);
+        }
+        g_snapshot = 1;
+        LogCapture cap(ERR_level);
+        EXPECT_EQ(process_signals(), 0);
+        EXPECT_EQ(g_snapshot, 0);
+        EXPECT_EQ(cap.text(), "");
+        const uint64_t out = mmr_bytes_out(g_ctx.mmr);
+        mm_info info{};
+        mmr_get_info(g_ctx.mmr, &info);
+        const std::string n = dir_.path() + "/snap" + std::to_string(getpid()) + "-p" + std::to_string(out / 188) +
+                              "_" + std::to_string(info.pld_size / 188) + "-N.ts";
+        ASSERT_TRUE(exists(n)) << n;
+        EXPECT_EQ(slurp(n), sent.substr(out, info.pld_size));
+        names.push_back(n);
+    }
+    EXPECT_LT(names[0], names[1]);
+    EXPECT_NE(names[1], names[2]);
 }
 
 TEST_F(Snapshot, ATailBySizeEndsWithB)
@@ -200,7 +255,7 @@ TEST_F(Snapshot, AVanishedDirectoryIsRetriedAndCaptureGoesOn)
     g_snapshot = 1;
     EXPECT_EQ(process_signals(), -1);
     EXPECT_EQ(g_snapshot, 1);  // tried again at the next turn
-    const std::string path = gone + "/snap" + std::to_string(getpid()) + "-p0_0-N.ts";
+    const std::string path = gone + "/snap" + std::to_string(getpid()) + "-p0_3-N.ts";
     EXPECT_EQ(cap.text(), "(ERR)  mk_snapshot_file: open('" + path + "', " +
                               std::to_string(O_WRONLY | O_CREAT | O_EXCL) +
                               ", 0x1a4) ERROR(2): No such file or directory\n");
@@ -214,7 +269,7 @@ TEST_F(Snapshot, AnExistingFileIsNeverOverwritten)
 {
     feed(3);
     const std::string path = name("N");
-    dir_.make("snap" + std::to_string(getpid()) + "-p0_0-N.ts", "keep");
+    dir_.make("snap" + std::to_string(getpid()) + "-p0_3-N.ts", "keep");
     LogCapture cap(ERR_level);
     EXPECT_EQ(take_snapshot("N"), -1);
     EXPECT_EQ(slurp(path), "keep");
@@ -248,7 +303,7 @@ TEST_F(Snapshot, LongDirectoryNames)
     snprintf(g_cfg.snap_dir, sizeof(g_cfg.snap_dir), "%s", longer.c_str());
     LogCapture cap;
     EXPECT_EQ(take_snapshot("N"), -1);
-    const int n = (int)(longer.size() + strlen("/snap") + std::to_string(getpid()).size() + strlen("-p0_0-N.ts"));
+    const int n = (int)(longer.size() + strlen("/snap") + std::to_string(getpid()).size() + strlen("-p0_3-N.ts"));
     EXPECT_EQ(cap.text(), "(ERR)  mk_snapshot_file: cannot make snapshot name, n=" + std::to_string(n) + "\n");
 }
 
@@ -274,7 +329,7 @@ TEST_F(Snapshot, AFullDiskLeavesTheFileAndCaptureGoesOn)
         snprintf(g_cfg.snap_dir, sizeof(g_cfg.snap_dir), "%s", full.c_str());
         LogCapture cap;
         const int rc = take_snapshot("N");
-        const std::string path = full + "/snap" + std::to_string(getpid()) + "-p0_0-N.ts";
+        const std::string path = full + "/snap" + std::to_string(getpid()) + "-p0_10-N.ts";
         const std::string log = cap.text();
         const std::string want_write = "ERROR(28): No space left on device\n(ERR)  take_snapshot: failed to snapshot to fd";
         if (rc != 0)

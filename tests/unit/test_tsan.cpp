@@ -217,7 +217,25 @@ TEST_F(Tsan, FreeWithEmptyTagWarnsAndFreesNothing)
     EXPECT_EQ(lc.text(), fmt("(WRN)  tsan_free: avoiding double-freeing of tsan[] (%p)\n", h));
     // Still ours: the context was kept.
     EXPECT_EQ(static_cast<tsan_ctx*>(h)->pg.pcr_idx, -1);
-    free(h);
+    snprintf(static_cast<tsan_ctx*>(h)->cfg.source, sizeof(cfg.source), "%s", "now-tagged");
+    tsan_free(h);
+}
+
+TEST_F(Tsan, ASecondFreeIsToldWithoutTouchingTheFreedContext)
+{
+    LogCapture lc;
+    snprintf(cfg.source, sizeof(cfg.source), "%s", "twice");
+    tsan_t h = tsan_init(nullptr, &cfg, nullptr);
+    tsan_t other = tsan_init(nullptr, &cfg, nullptr);
+    ASSERT_NE(h, nullptr);
+    tsan_free(h);
+    lc.clear();
+    // Under the address sanitizer a read of the freed context would stop here.
+    tsan_free(h);
+    EXPECT_EQ(lc.text(), fmt("(WRN)  tsan_free: avoiding double-freeing of tsan[] (%p)\n", h));
+    lc.clear();
+    tsan_free(other);
+    EXPECT_EQ(lc.text(), fmt("(DBG)  tsan_free: freeing up tsan[twice] (%p)\n", other));
 }
 
 TEST_F(Tsan, SetPidxWarnsAndMovesIndexButNotPcrPktnum)

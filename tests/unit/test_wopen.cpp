@@ -166,3 +166,16 @@ TEST(WopenDeathTest, NullAppTagStopsTheProcess)
 {
     EXPECT_DEATH(usock_set_apptag(nullptr), "Assertion failed: \\(apptag\\), function usock_set_apptag");
 }
+
+TEST(Wopen, ASocketWhoseJoinFailedIsClosedWithoutALeave)
+{
+    // What a failed open of a multicast group leaves in the handle: the
+    // multicast mark, no descriptor, no group address, no interface record.
+    LogCapture cap;
+    usock_ctx uc{};
+    uc.sspec.multicast = 1;
+    uc.url_path = static_cast<char*>(malloc(8));
+    usock_close(-1, &uc);
+    EXPECT_EQ(uc.url_path, nullptr);
+    EXPECT_EQ(cap.text().find("MCAST_LEAVE"), std::string::npos) << cap.text();
+}
