@@ -71,14 +71,22 @@ class RuiServerCase(unittest.TestCase):
         self.proc = None
 
     def tearDown(self):
+        rc = None
         if self.proc and self.proc.poll() is None:
             self.proc.send_signal(signal.SIGTERM)
             try:
-                self.proc.wait(timeout=10)
+                rc = self.proc.wait(timeout=10)
             except subprocess.TimeoutExpired:
                 self.proc.kill()
                 self.proc.wait()
+        log = read_text(self.log) if self.proc else ""
+        if self.proc:
+            self.logf.close()
         shutil.rmtree(self.dir, ignore_errors=True)
+        # A clean stop: everything freed (the sanitizers' run would say otherwise).
+        if self.proc:
+            self.assertEqual(rc, 0, log[-3000:])
+            self.assertIn("rui-test stopped, rc=0", log)
 
     def start(self, user_tmout=500, flow=None):
         conf = os.path.join(self.dir, "svc.conf")
