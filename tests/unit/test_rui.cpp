@@ -396,7 +396,7 @@ TEST(RuiConfig, RefusedValues)
     EXPECT_EQ(cap.text(), "(ERR)  load_listener_from: invalid port value: 0\n");
     cap.clear();
     EXPECT_EQ(load(R"(listeners = { user = { port = "70000"; }; max_to_accept = 1; };)").rc, -1);
-    EXPECT_THAT(cap.text(), testing::HasSubstr("port"));
+    EXPECT_EQ(cap.text(), "(ERR)  load_listener_from: invalid port value: 70000\n");
     cap.clear();
     EXPECT_EQ(load(R"(listeners = { user = { alias = "a"; protocol = "sctp"; port = "1"; }; max_to_accept = 1; };)").rc,
               -1);

@@ -306,3 +306,26 @@ TEST(EmblstDeathTest, AMisalignedBufferStopsTheProcess)
     alignas(long) char buf[128];
     EXPECT_DEATH(emblst_create(buf + 1, 100, 8), "Assertion failed: \\(0 == \\(\\(u_long\\)buf % sizeof\\(long\\)\\)\\)");
 }
+
+TEST(Xvec, MemoryThatRunsOutIsAFailureOrTheEndAsTheProcessAsks)
+{
+    xvec v{};
+    // More than any machine has: the allocation fails.
+    const size_t huge = (SIZE_MAX >> 4) / sizeof(long);
+    EXPECT_EQ(xvec_reserve(&v, huge, sizeof(long), 1), -1);
+    EXPECT_EQ(v.data, nullptr);
+    EXPECT_EQ(v.max_len, 0u);
+    xvlst l{};
+    EXPECT_EQ(xvlst_reserve(&l, huge, sizeof(long), 1), -1);
+}
+
+TEST(XvecDeathTest, WithAbortOnNoMemoryTheProcessStops)
+{
+    EXPECT_DEATH(
+        {
+            xvdat_flags |= XV_ABORT_ENOMEM;
+            xvec v{};
+            xvec_reserve(&v, (SIZE_MAX >> 4) / sizeof(long), sizeof(long), 1);
+        },
+        "");
+}
