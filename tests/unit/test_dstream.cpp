@@ -1,8 +1,10 @@
 // Telling TS, TS in RTP, or neither from the first chunk of a stream.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -937,4 +939,193 @@ TEST(DsFlags, SetReplacesAndLogs)
     EXPECT_EQ(ds_get_flags(), 0u);
     EXPECT_EQ(cap.text(), "(DBG)  ds_set_flags: flags set to 0x0001\n(DBG)  ds_set_flags: flags set to 0x0000\n");
     ds_set_flags(saved);
+}
+
+// Segment probing on streams that ffmpeg made: the expected indices come from
+// ffprobe's key frame positions and from a field-by-field parse of the bytes.
+namespace {
+
+struct Media {
+    std::vector<uint8_t> ts;
+    std::vector<size_t> key_pkts;  // packet numbers where a key frame's PES starts
+    std::string why_not;           // why the stream could not be made
+};
+
+Media make_media(const char* name, const std::string& codec)
+{
+    Media m;
+    char tmpl[] = "/tmp/kst_seg.XXXXXX";
+    const char* dir = mkdtemp(tmpl);
+    if (dir == nullptr) {
+        m.why_not = "mkdtemp failed";
+        return m;
+    }
+    const std::string file = std::string(dir) + "/" + name + ".ts";
+    const std::string make = "timeout 120 ffmpeg -nostdin -y -hide_banner -loglevel error -f lavfi "
+                             "-i testsrc=size=320x240:rate=25 -t 3 " + codec + " -f mpegts " + file +
+                             " 2>/dev/null";
+    const int rc = system(make.c_str());
+    if (rc != 0) {
+        m.why_not = "ffmpeg could not make the stream (" + codec + ")";
+    } else {
+        FILE* fp = fopen(file.c_str(), "rb");
+        uint8_t buf[65536];
+        size_t n;
+        while (fp && (n = fread(buf, 1, sizeof(buf), fp)) > 0)
+            m.ts.insert(m.ts.end(), buf, buf + n);
+        if (fp)
+            fclose(fp);
+        const std::string probe = "timeout 60 ffprobe -v error -select_streams v:0 -show_entries "
+                                  "packet=pos,flags -of csv=p=0 " + file;
+        FILE* pp = popen(probe.c_str(), "r");
+        char line[256];
+        while (pp && fgets(line, sizeof(line), pp)) {
+            long pos = -1;
+            char flags[16] = {};
+            if (sscanf(line, "%ld,%15[^,\n]", &pos, flags) == 2 && flags[0] == 'K')
+                m.key_pkts.push_back((size_t)pos / 188);
+        }
+        if (pp == nullptr || pclose(pp) != 0)
+            m.why_not = "ffprobe failed";
+    }
+    unlink(file.c_str());
+    rmdir(dir);
+    return m;
+}
+
+// The fields of a packet, read one by one.
+struct PktFields {
+    bool unit_start;
+    unsigned pid;
+    bool has_af, has_payload;
+    size_t af_len;
+    uint8_t af_flags;
+    size_t payload_at;
+};
+
+PktFields fields_of(const uint8_t* p)
+{
+    PktFields f{};
+    f.unit_start = (p[1] >> 6) & 1;
+    f.pid = ((p[1] & 0x1F) << 8) | p[2];
+    f.has_af = (p[3] >> 5) & 1;
+    f.has_payload = (p[3] >> 4) & 1;
+    f.af_len = f.has_af ? p[4] : 0;
+    f.af_flags = f.has_af && f.af_len > 0 ? p[5] : 0;
+    f.payload_at = f.has_af ? 5 + f.af_len : 4;
+    return f;
+}
+
+bool expect_pat(const uint8_t* p)
+{
+    const PktFields f = fields_of(p);
+    if (f.pid != 0 || !f.unit_start || !f.has_payload)
+        return false;
+    const uint8_t* section = p + f.payload_at + 1 + p[f.payload_at];
+    // Only a section right behind a pointer field of 0 is looked for.
+    return p[f.payload_at] == 0 && section[0] == 0x00 && (section[1] >> 4) == 0xB && (section[5] & 1);
+}
+
+bool expect_pcr(const uint8_t* p, uint64_t* base)
+{
+    const PktFields f = fields_of(p);
+    if (!(f.af_flags & 0x10))
+        return false;
+    uint64_t v = 0;
+    for (int i = 0; i < 4; ++i)
+        v = v << 8 | p[6 + i];
+    *base = v << 1 | p[10] >> 7;
+    return true;
+}
+
+struct SegExpect {
+    uint32_t pat = 0, pcr_idx = 0, iframe = 0;
+    uint64_t pcr = 0;
+};
+
+// Cuts the stream into segments of seg_pkts packets and compares each
+// segment's answer with the expectation; returns the segments with an I-frame.
+size_t check_segments(const std::vector<uint8_t>& ts, const std::vector<size_t>& iframes, size_t seg_pkts)
+{
+    const size_t npkts = ts.size() / 188;
+    size_t with_iframe = 0;
+    for (size_t first = 0; first < npkts; first += seg_pkts) {
+        const size_t count = std::min(seg_pkts, npkts - first);
+        SegExpect e;
+        for (size_t i = 0; i < count; ++i) {
+            const uint8_t* p = ts.data() + (first + i) * 188;
+            uint64_t base = 0;
+            if (!e.pat && expect_pat(p))
+                e.pat = (uint32_t)i + 1;
+            if (!e.pcr_idx && expect_pcr(p, &base)) {
+                e.pcr_idx = (uint32_t)i + 1;
+                e.pcr = base;
+            }
+        }
+        for (size_t k : iframes)
+            if (k >= first && k < first + count) {
+                e.iframe = (uint32_t)(k - first + 1);
+                break;
+            }
+        // A copy with room behind: the picture test may read past the last packet.
+        std::vector<uint8_t> seg(ts.begin() + (long)(first * 188), ts.begin() + (long)((first + count) * 188));
+        seg.resize(count * 188 + 8, 0);
+        size_t plen = 0, pcount = 0;
+        sseg_ctx sseg = ask_all();
+        EXPECT_EQ(probe_segment(seg.data(), count * 188, 0, &plen, &pcount, &sseg), STY_MPEGTS.num);
+        EXPECT_EQ(plen, 188u);
+        EXPECT_EQ(pcount, count);
+        EXPECT_EQ(sseg.pat_idx, e.pat) << "segment at packet " << first;
+        EXPECT_EQ(sseg.pcr_idx, e.pcr_idx) << "segment at packet " << first;
+        if (e.pcr_idx) {
+            EXPECT_EQ(sseg.pcr, e.pcr) << "segment at packet " << first;
+        }
+        EXPECT_EQ(sseg.iframe_idx, e.iframe) << "segment at packet " << first;
+        with_iframe += e.iframe != 0;
+    }
+    return with_iframe;
+}
+
+// Clears the random access flag wherever an adaptation field has flags;
+// returns how many were set.
+size_t clear_random_access(std::vector<uint8_t>& ts)
+{
+    size_t cleared = 0;
+    for (size_t off = 0; off + 188 <= ts.size(); off += 188) {
+        const PktFields f = fields_of(ts.data() + off);
+        if (f.af_flags & 0x40) {
+            ts[off + 5] &= ~0x40;
+            ++cleared;
+        }
+    }
+    return cleared;
+}
+
+}  // namespace
+
+TEST(DsProbeMedia, Mpeg2ClosedGopsWithAndWithoutTheRandomAccessFlag)
+{
+    Media m = make_media("m2", "-c:v mpeg2video -g 12 -flags +cgop -sc_threshold 1000000000");
+    if (!m.why_not.empty())
+        GTEST_SKIP() << m.why_not;
+    ASSERT_EQ(m.ts.size() % 188, 0u);
+    ASSERT_GE(m.key_pkts.size(), 5u);  // 75 frames, a GOP of 12
+    EXPECT_GE(check_segments(m.ts, m.key_pkts, 64), 3u);
+    // Without the flag the MPEG-2 picture itself is read: the same indices.
+    ASSERT_GE(clear_random_access(m.ts), m.key_pkts.size());
+    EXPECT_GE(check_segments(m.ts, m.key_pkts, 64), 3u);
+    EXPECT_GE(check_segments(m.ts, m.key_pkts, 7), 5u);
+}
+
+TEST(DsProbeMedia, H264IsKnownOnlyByTheRandomAccessFlag)
+{
+    Media m = make_media("h264", "-c:v libx264 -preset ultrafast -g 25");
+    if (!m.why_not.empty())
+        GTEST_SKIP() << m.why_not;
+    ASSERT_EQ(m.ts.size() % 188, 0u);
+    ASSERT_GE(m.key_pkts.size(), 3u);
+    EXPECT_GE(check_segments(m.ts, m.key_pkts, 64), 3u);
+    ASSERT_GE(clear_random_access(m.ts), m.key_pkts.size());
+    EXPECT_EQ(check_segments(m.ts, {}, 64), 0u);
+    EXPECT_EQ(check_segments(m.ts, {}, 7), 0u);
 }
