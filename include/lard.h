@@ -35,7 +35,10 @@ struct lard_meta {
 };
 static_assert(sizeof(size_t) == 8 && sizeof(pid_t) == 4 && sizeof(timespec) == 16,
               "the meta layout is fixed for LP64 platforms");
-static_assert(sizeof(lard_meta) == 328, "writer and reader share this layout");
+static_assert(offsetof(lard_meta, owner_pid) == 24 && offsetof(lard_meta, write_tm) == 32 &&
+                  offsetof(lard_meta, sns) == 48 && offsetof(temp_sensors, sum) == 264 &&
+                  offsetof(lard_meta, is_closed) == 320 && sizeof(lard_meta) == 328,
+              "writer and reader share this layout");
 
 // A writer's ring of npages pages; a leftover of the same name is replaced.
 // Null on failure, with the reason on stderr (errno ENOMEM for allocation).

@@ -17,6 +17,10 @@ const char* plat_build_system();
 // Makes getopt_long start over on the same arguments.
 void plat_getopt_reset();
 
+// Calls fn with the name of each POSIX shared-memory object of the system,
+// without its leading slash. 0, or -1 with errno.
+int plat_shm_names(void (*fn)(const char* name, void* arg), void* arg);
+
 // Binds the process to one processor; 0 or -1 with errno.
 int plat_pin_to_cpu(int cpunum);
 
