@@ -105,7 +105,9 @@ class FlightRecorderTest(KstTestCase):
         conf = self.conf(analyzer='  stream_analyzer = { enabled = true; source_tag = "fr"; };\n')
         feed = TcpFeed()
         log = self.path("a.log")
-        p = self.start_kst(["-T", "-q", "-l", log, "-C", conf, "--nid", str(self.nid), "-i", feed.url])
+        # In the test's directory: the abort's core file lands there.
+        p = self.start_kst(["-T", "-q", "-l", log, "-C", conf, "--nid", str(self.nid), "-i", feed.url],
+                           cwd=self.dir)
         w = feed.accept()
         self.assertIsNotNone(w, "kst never connected")
         self.awaitLog(log, "Reading (STM)")
