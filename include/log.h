@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "lard.h"
 #include "vrtypes.h"
 
 enum : int {
@@ -69,6 +70,7 @@ struct log_ctx {
     pid_t pid;
     n64_tag group;
     rotation_ctx rota;
+    lard_t lh;  // flight recorder that gets every line, whatever its level; or null
 };
 
 struct log_module_ctx {
@@ -103,6 +105,9 @@ pid_t log_get_pid(const log_ctx* log);
 void log_set_group(log_ctx* log, uint64_t group);
 uint64_t log_get_group(const log_ctx* log);
 void log_close(log_ctx* log);
+// Sets the flight recorder of a log (null: none) and gives back the one that
+// was there. The log owns it from then on: log_close destroys it.
+lard_t log_set_lard(log_ctx* log, lard_t lh);
 void glog_enable_syslog(const char* app);
 void glog_disable_syslog();
 
@@ -129,6 +134,11 @@ int read_level_env(const char* varname, int default_level);
 // Access.
 FILE* log_fp(log_ctx* log);
 FILE* log_mirror_fp(log_ctx* log);
+// Inline: the macro tests it before the level on every message.
+inline bool lard_enabled(const log_ctx* log)
+{
+    return log->lh != nullptr;
+}
 
 // Writing: used through LOG_AT, or directly for the alert log.
 void logbuf_reset();
@@ -136,6 +146,8 @@ bool logbuf_empty();
 const char* logbuf_text();
 int logbuf_prepare(log_ctx* log, int level, const char* fmt, ...) VRX_PRINTF(3, 4);
 void log_flush(log_ctx* log, int level);
+// The composed line into the log's flight recorder; a negative level warms it.
+void log_lard(log_ctx* log, int level);
 
 // The seam at which a back trace can be added: this build has none.
 int btrace_to_buf(char* buf, size_t buflen);
@@ -147,10 +159,15 @@ int snprintf_btrace(char* buf, size_t buflen, const char* fmt, ...) VRX_PRINTF(3
 
 // The one way code logs: the level test stands before composition, so a
 // message under the level costs one comparison and its arguments are not
-// evaluated.
+// evaluated. A flight recorder, when set, gets every line before the level
+// test, and the file then shares that one composition.
 #define LOG_AT(level, fmt, ...)                                                          \
     do {                                                                                 \
         logbuf_reset();                                                                  \
+        if (lard_enabled(&g_log)) [[unlikely]] {                                         \
+            logbuf_prepare(&g_log, (level), fmt __VA_OPT__(, ) __VA_ARGS__);             \
+            log_lard(&g_log, (level));                                                   \
+        }                                                                                \
         if (g_mod_ll[g_llctx.mod] >= (level)) {                                          \
             if (logbuf_empty())                                                          \
                 logbuf_prepare(&g_log, (level), fmt __VA_OPT__(, ) __VA_ARGS__);         \

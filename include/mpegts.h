@@ -32,6 +32,10 @@ off_t ts_find_head(const uint8_t* buf, size_t len, size_t* pkt_len);
 uint64_t calc_pcr_delta(uint64_t first, uint64_t last, uint32_t flags);
 uint64_t ts_pcr_delta(uint64_t first, uint64_t last);
 
+// Does the packet carry a PCR (adaptation field present, not empty, PCR
+// flag)? Its 33-bit base goes to *pcr; the extension is not read.
+bool ts_pkt_pcr(const uint8_t* pkt, uint64_t* pcr);
+
 // The PCR base of the first (last) packet with a PCR: 0 with *pcr set, or -1.
 int find_first_pcr(const char* buf, size_t len, size_t pkt_len, uint64_t* pcr);
 int find_last_pcr(const char* buf, size_t len, size_t pkt_len, uint64_t* pcr);

@@ -21,6 +21,10 @@ void plat_getopt_reset();
 // address space; MAP_FAILED with errno on failure.
 void* plat_mmap_low(size_t len);
 
+// Calls fn with the name of each POSIX shared-memory object of the system,
+// without its leading slash. 0, or -1 with errno.
+int plat_shm_names(void (*fn)(const char* name, void* arg), void* arg);
+
 // Binds the process to one processor; 0 or -1 with errno.
 int plat_pin_to_cpu(int cpunum);
 

@@ -29,6 +29,9 @@ constexpr size_t D_KST_CACHE_MB = 8;
 constexpr size_t D_KST_TAIL_MB = 2;
 constexpr size_t D_KST_TAIL_MS = 1000;
 constexpr int D_KST_READ_TMOUT_MS = 0;
+// The optional flight recorder: pages of shared memory for the last lines.
+constexpr int D_FLIGHT_PAGES = 64;
+constexpr int MAX_FLIGHT_PAGES = 16384;
 
 // Reading modes: one datagram a read, or a byte stream.
 inline constexpr n32_tag SM_PKT = mk_n32_tag("PKT");
@@ -82,6 +85,7 @@ struct ksti_cfg {
     bool use_http10_get;
     bool lost_sync_alert;
     unsigned int instance_num;
+    size_t flight_pages;  // pages of the flight recorder; 0: none
 };
 
 extern ksti_ctx g_ctx;
@@ -115,6 +119,12 @@ int take_snapshot(const char* suffix);
 int process_snapshot();
 int process_signals();
 void count_tail(size_t nbytes);
+
+// The flight recorder: the ring's name for this instance ("kst.<nid>"), its
+// creation at start and its removal at a clean stop.
+void flight_ring_name(char* out, size_t len, unsigned instance);
+void flight_recorder_start();
+void flight_recorder_stop();
 
 // Start, capture and stop.
 bool is_dgram_kind(int kind);

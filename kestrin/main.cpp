@@ -94,6 +94,7 @@ int runtime_setup()
         LOG_AT(ERR_level, "%s: FAILED (rc=%d)\n", "runtime_setup", rc);
         return rc;
     }
+    flight_recorder_start();
     LOG_AT(INFO_level, "Runtime pid=%ld uid/gid = %ld/%ld running in [%s]\n", (long)getpid(), (long)geteuid(),
            (long)getegid(), cwd);
     LOG_AT(DEBUG_level, "%s: OK\n", "runtime_setup");
@@ -129,6 +130,7 @@ int main(int argc, char* argv[])
     app_shutdown();
     rc = abs(rc);
     LOG_AT(NORM_level, "%s EXIT(%d). PID=%ld\n", get_app_info(g_app_name, nullptr), rc, (long)getpid());
+    flight_recorder_stop();
     log_close(&g_log);
     log_close(&g_access_log);
     return rc;

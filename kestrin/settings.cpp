@@ -70,6 +70,22 @@ int load_rcvbuf(ksti_cfg* cfg)
     return 0;
 }
 
+// The group is optional and its absence changes nothing: no ring, no line.
+int load_flight_recorder(ksti_cfg* cfg)
+{
+    cfg->flight_pages = 0;
+    if (config_lookup(&g_libcfg, "kst.flight_recorder") == nullptr)
+        return 0;
+    const int pages = lookup_int("kst.flight_recorder.pages", D_FLIGHT_PAGES);
+    if (pages < 1 || pages > MAX_FLIGHT_PAGES) {
+        LOG_AT(ERR_level, "%s: flight_recorder.pages=%d is outside 1..%d\n", "load_config", pages,
+               MAX_FLIGHT_PAGES);
+        return -1;
+    }
+    cfg->flight_pages = (size_t)pages;
+    return 0;
+}
+
 // Read only at the first load.
 int load_start_only(ksti_cfg* cfg)
 {
@@ -101,7 +117,10 @@ int load_start_only(ksti_cfg* cfg)
         return rc;
     cfg->cache_sz_mb = lookup_size("kst.cache.size_mb", (int)D_KST_CACHE_MB);
     cfg->read_tmout_ms = lookup_int("kst.source.read_tmout_ms", D_KST_READ_TMOUT_MS);
-    return load_rcvbuf(cfg);
+    rc = load_rcvbuf(cfg);
+    if (rc != 0)
+        return rc;
+    return load_flight_recorder(cfg);
 }
 
 // Read at the first load and at every reload.
@@ -259,5 +278,42 @@ void dump_config(FILE* fp, const ksti_cfg* cfg)
 
     if (cfg->tsa.is_enabled)
         tsan_dump_config(fp, "Analysis", &cfg->tsa);
+    if (cfg->flight_pages != 0) {
+        char name[LARD_NAME_MAX];
+        flight_ring_name(name, sizeof(name), cfg->instance_num);
+        fputs("Flight recorder:\n", fp);
+        fprintf(fp, "\tRing           = %s, %zu pages\n", name, cfg->flight_pages);
+    }
     fputs(k_rule, fp);
+}
+
+void flight_ring_name(char* out, size_t len, unsigned instance)
+{
+    snprintf(out, len, "kst.%u", instance);
+}
+
+// Made after the process took its final pid (a daemon forks), so the ring's
+// owner is the process that writes it. A ring that can't be made leaves the
+// logger without one: the capture doesn't depend on it.
+void flight_recorder_start()
+{
+    if (g_cfg.flight_pages == 0)
+        return;
+    char name[LARD_NAME_MAX];
+    flight_ring_name(name, sizeof(name), g_cfg.instance_num);
+    lard_t lh = lard_create(name, g_cfg.flight_pages);
+    if (lh == nullptr) {
+        LOG_AT(WARN_level, "%s: no flight recorder: ring %s could not be made\n", "flight_recorder_start", name);
+        return;
+    }
+    (void)log_set_lard(&g_log, lh);
+    LOG_AT(DEBUG_level, "%s: ring %s of %zu pages\n", "flight_recorder_start", name, g_cfg.flight_pages);
+}
+
+// A clean stop removes the ring whatever the log is on (log_close keeps the
+// ring of a log on a standard stream).
+void flight_recorder_stop()
+{
+    if (lard_t lh = log_set_lard(&g_log, nullptr); lh != nullptr)
+        lard_destroy(lh);
 }

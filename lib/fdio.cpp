@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "log.h"
+#include "psensor.h"
 #include "syswrap.h"
 #include "util.h"
 
@@ -19,12 +20,13 @@ ssize_t nread(int fd, char* buf, size_t count, uint32_t flags)
 {
     if (count == 0)
         return 0;
+    psensor_begin(PRF_DATAIN);
     for (;;) {
         const ssize_t rc = W_read_f("nread", fd, buf, count, flags);
-        if (rc >= 0)
+        if (rc >= 0 || errno != EINTR || g_quit) {
+            psensor_end(PRF_DATAIN);
             return rc;
-        if (errno != EINTR || g_quit)
-            return rc;
+        }
         errno = 0;
     }
 }
@@ -34,12 +36,13 @@ ssize_t nwrite(int fd, const char* buf, size_t count, uint32_t flags)
 {
     if (count == 0)
         return 0;
+    psensor_begin(PRF_DATAOUT);
     for (;;) {
         const ssize_t rc = W_write_f("nwrite", fd, buf, count, flags);
-        if (rc > 0)
+        if (rc >= 0 || errno != EINTR || g_quit) {
+            psensor_end(PRF_DATAOUT);
             return rc;
-        if (rc == 0 || errno != EINTR || g_quit)
-            return rc;
+        }
         errno = 0;
     }
 }

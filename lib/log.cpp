@@ -283,6 +283,17 @@ void log_close(log_ctx* log)
     log->fp = stderr;
     if (log->use_syslog)
         closelog();
+    if (log->lh != nullptr) {
+        lard_destroy(log->lh);
+        log->lh = nullptr;
+    }
+}
+
+lard_t log_set_lard(log_ctx* log, lard_t lh)
+{
+    lard_t old = log->lh;
+    log->lh = lh;
+    return old;
 }
 
 void glog_enable_syslog(const char* app)
@@ -491,6 +502,16 @@ void log_flush(log_ctx* log, int level)
         log_detail::log_rota_check(log);
 }
 
+void log_lard(log_ctx* log, int level)
+{
+    const char* const out = line_buf();
+    if (log->lh == nullptr || out == nullptr || out[0] == '\0')
+        return;
+    (void)lard_puts(log->lh, out);
+    if (level < 0)
+        lard_set_temp(log->lh, -level);
+}
+
 int btrace_to_buf(char* buf, size_t buflen)
 {
     (void)buf;
@@ -514,8 +535,14 @@ void log_assert_fail(int module, const char* func, const char* file, int line)
     char bt[512] = {};
     if (btrace_to_buf(bt, sizeof(bt) - 1) == 0) {
         logbuf_reset();
-        if (g_mod_ll[module] >= PANIC_level) {
+        // The ring keeps the assertion too: it is what a crash report is for.
+        if (lard_enabled(&g_log)) {
             logbuf_prepare(&g_log, PANIC_level, "ASSERT at:\n%s==\n", bt);
+            log_lard(&g_log, PANIC_level);
+        }
+        if (g_mod_ll[module] >= PANIC_level) {
+            if (logbuf_empty())
+                logbuf_prepare(&g_log, PANIC_level, "ASSERT at:\n%s==\n", bt);
             log_flush(&g_log, PANIC_level);
         }
     }

@@ -100,7 +100,7 @@ uint64_t ts_pcr_delta(uint64_t first, uint64_t last)
 }
 
 // The 33-bit PCR base of a packet that carries one; the extension is not read.
-static bool pkt_pcr_base(const uint8_t* pkt, uint64_t* pcr)
+bool ts_pkt_pcr(const uint8_t* pkt, uint64_t* pcr)
 {
     if (!(pkt[3] & 0x20) || pkt[4] == 0 || !(pkt[5] & 0x10))
         return false;
@@ -118,7 +118,7 @@ int find_first_pcr(const char* buf, size_t len, size_t pkt_len, uint64_t* pcr)
         return -1;
     const uint8_t* data = reinterpret_cast<const uint8_t*>(buf);
     for (size_t off = 0; off + pkt_len <= len; off += pkt_len) {
-        if (pkt_pcr_base(data + off, pcr))
+        if (ts_pkt_pcr(data + off, pcr))
             return 0;
     }
     return -1;
@@ -134,7 +134,7 @@ int find_last_pcr(const char* buf, size_t len, size_t pkt_len, uint64_t* pcr)
     if (off <= 0)
         return -1;
     for (; off > 0; off -= (ssize_t)pkt_len) {
-        if (pkt_pcr_base(data + off, pcr))
+        if (ts_pkt_pcr(data + off, pcr))
             return 0;
     }
     return -1;

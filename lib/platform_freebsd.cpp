@@ -6,6 +6,9 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <sys/sysctl.h>
+#include <sys/user.h>
+#include <stdlib.h>
 #include <assert.h>
 #include <errno.h>
 #include <getopt.h>
@@ -115,4 +118,30 @@ void plat_sock_timeout_value(timeval* tv)
 int plat_getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** res)
 {
     return getaddrinfo(node, service, hints, res);
+}
+
+// FreeBSD has no file system of shared-memory objects: the kernel lists them
+// through kern.ipc.posix_shm_list, one kinfo_file record each.
+int plat_shm_names(void (*fn)(const char* name, void* arg), void* arg)
+{
+    size_t len = 0;
+    if (sysctlbyname("kern.ipc.posix_shm_list", nullptr, &len, nullptr, 0) != 0)
+        return -1;
+    len = len * 4 / 3;  // room for objects made meanwhile
+    char* buf = static_cast<char*>(malloc(len));
+    if (buf == nullptr)
+        return -1;
+    if (sysctlbyname("kern.ipc.posix_shm_list", buf, &len, nullptr, 0) != 0) {
+        free(buf);
+        return -1;
+    }
+    for (size_t off = 0; off < len;) {
+        const kinfo_file* kf = reinterpret_cast<const kinfo_file*>(buf + off);
+        if (kf->kf_structsize <= 0)
+            break;
+        fn(kf->kf_path[0] == '/' ? kf->kf_path + 1 : kf->kf_path, arg);
+        off += (size_t)kf->kf_structsize;
+    }
+    free(buf);
+    return 0;
 }

@@ -1,6 +1,8 @@
 // Linux side of the platform seam.
 #include "platform.h"
 
+#include <dirent.h>
+
 #include <getopt.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -209,4 +211,18 @@ int plat_getaddrinfo(const char* node, const char* service, const addrinfo* hint
             return EAI_SERVICE;
     }
     return getaddrinfo(node, service, hints, res);
+}
+
+// Linux shows its shared-memory objects as the files of /dev/shm.
+int plat_shm_names(void (*fn)(const char* name, void* arg), void* arg)
+{
+    DIR* d = opendir("/dev/shm");
+    if (d == nullptr)
+        return -1;
+    while (const dirent* e = readdir(d)) {
+        if (e->d_name[0] != '.')
+            fn(e->d_name, arg);
+    }
+    closedir(d);
+    return 0;
 }

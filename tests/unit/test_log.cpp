@@ -490,3 +490,107 @@ TEST(Log, NegativeLevelsGoToSyslogOthersDoNot)
         GTEST_SKIP() << "no private mount namespace here (unshare/mount refused): cannot provide /dev/log";
     EXPECT_EQ(code, 'K') << "N: nothing received, W: wrong line, 2: a second line was sent";
 }
+
+namespace {
+
+std::string lard_text(lard_t lh)
+{
+    const lard_meta* m = lard_get_meta(lh);
+    return std::string(lard_data(lh) + m->pld_start, m->pld_len);
+}
+
+std::string lard_name(const char* what)
+{
+    return "kst_test_log_lard." + std::to_string(getpid()) + "." + what;
+}
+
+}  // namespace
+
+TEST(LogLard, NoRingByDefault)
+{
+    LogCapture cap;
+    EXPECT_FALSE(lard_enabled(&g_log));
+    EXPECT_EQ(log_set_lard(&g_log, nullptr), nullptr);
+}
+
+TEST(LogLard, EveryLevelReachesTheRingTheFileOnlyItsOwn)
+{
+    LogCapture cap(NORM_level);
+    lard_t lh = lard_create(lard_name("levels").c_str(), 1);
+    ASSERT_NE(lh, nullptr);
+    EXPECT_EQ(log_set_lard(&g_log, lh), nullptr);
+    EXPECT_TRUE(lard_enabled(&g_log));
+    g_evaluated = 0;
+    LOG_AT(DEBUG_level, "%s: %d\n", "quiet", side_effect());
+    EXPECT_EQ(g_evaluated, 1);  // composed for the ring, once
+    LOG_AT(NORM_level, "%s: %d\n", "loud", side_effect());
+    EXPECT_EQ(g_evaluated, 2);  // the file shares the ring's composition
+    EXPECT_EQ(cap.text(), "(NRM)  loud: 7\n");
+    EXPECT_EQ(lard_text(lh), "(DBG)  quiet: 7\n(NRM)  loud: 7\n");
+    EXPECT_EQ(lard_get_ctemp(lh), 0);
+    EXPECT_EQ(log_set_lard(&g_log, nullptr), lh);
+    LOG_AT(NORM_level, "%s\n", "after");
+    EXPECT_EQ(lard_text(lh), "(DBG)  quiet: 7\n(NRM)  loud: 7\n");
+    lard_destroy(lh);
+}
+
+TEST(LogLard, SeriousLinesWarmTheRing)
+{
+    LogCapture cap(NORM_level);
+    lard_t lh = lard_create(lard_name("warm").c_str(), 1);
+    ASSERT_NE(lh, nullptr);
+    log_set_lard(&g_log, lh);
+    LOG_AT(WARN_level, "w\n");
+    EXPECT_EQ(lard_get_ctemp(lh), 1);
+    LOG_AT(CRIT_level, "c\n");
+    LOG_AT(ERR_level, "e\n");
+    LOG_AT(PANIC_level, "p\n");
+    EXPECT_EQ(lard_get_ctemp(lh), 1 + 2 + 3 + 4);
+    EXPECT_EQ(lard_get_meta(lh)->sns.idx, 8u);  // a slot for the write, one for the weight
+    LOG_AT(INFO_level, "i\n");
+    EXPECT_EQ(lard_get_ctemp(lh), 10);
+    // The alert log's lines never reach a ring.
+    log_set_lard(&g_log, nullptr);
+    lard_destroy(lh);
+}
+
+TEST(LogLard, CloseOfAFileLogDestroysTheRingAStandardStreamKeepsIt)
+{
+    LogCapture cap(NORM_level);
+    const std::string name = lard_name("close");
+    lard_t lh = lard_create(name.c_str(), 1);
+    ASSERT_NE(lh, nullptr);
+    log_ctx lg{};
+    lg.fp = stderr;
+    log_set_lard(&lg, lh);
+    log_close(&lg);
+    EXPECT_EQ(lg.lh, lh);
+    struct stat st;
+    EXPECT_EQ(stat(("/dev/shm/" + name + ".meta").c_str(), &st), 0);
+    lg.fp = tmpfile();
+    log_close(&lg);
+    EXPECT_EQ(lg.lh, nullptr);
+    EXPECT_NE(stat(("/dev/shm/" + name + ".meta").c_str(), &st), 0);
+    EXPECT_NE(stat(("/dev/shm/" + name + ".dat").c_str(), &st), 0);
+}
+
+TEST(LogLardDeathTest, AnAssertionReachesTheRingAtAnyLevel)
+{
+    const std::string name = lard_name("assert");
+    EXPECT_DEATH(
+        {
+            LogCapture cap(MIN_level);
+            lard_t lh = lard_create(name.c_str(), 1);
+            log_set_lard(&g_log, lh);
+            LOG_ASSERT(1 == 2);
+        },
+        "Assertion failed");
+    lard_t rd = lard_open(name.c_str());
+    ASSERT_NE(rd, nullptr);
+    EXPECT_EQ(lard_text(rd), "(PNC)  ASSERT at:\n==\n");
+    EXPECT_EQ(lard_get_ctemp(rd), 4);
+    bool crashed = false;
+    EXPECT_FALSE(lard_is_active(rd, &crashed));
+    EXPECT_TRUE(crashed);
+    lard_destroy(rd);
+}

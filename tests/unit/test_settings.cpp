@@ -525,6 +525,47 @@ TEST_F(Settings, AFailingAnalyzerGroupFailsTheLoad)
                               strf("(ERR)  load_ksti_config: FAILED (%d)\n", ERR_BADMULT));
 }
 
+TEST_F(Settings, WithoutTheFlightRecorderGroupThereIsNoRingAndNoLine)
+{
+    ASSERT_EQ(load_ksti_config(conf(minimal()).c_str(), &g_cfg, false), 0);
+    EXPECT_EQ(g_cfg.flight_pages, 0u);
+    const std::string without = dump(&g_cfg);
+    EXPECT_EQ(without.find("Flight"), std::string::npos);
+    // The group adds its two lines just before the closing rule, and nothing else.
+    ASSERT_EQ(load_ksti_config(conf(minimal("  flight_recorder = { pages = 64; };\n")).c_str(), &g_cfg, false),
+              0);
+    EXPECT_EQ(g_cfg.flight_pages, 64u);
+    const std::string rule = "-----------------------------------\n";
+    std::string expect = without;
+    expect.insert(expect.size() - rule.size(), "Flight recorder:\n\tRing           = kst.0, 64 pages\n");
+    EXPECT_EQ(dump(&g_cfg), expect);
+}
+
+TEST_F(Settings, TheFlightRecorderTakesDefaultPagesAndTheInstanceNumber)
+{
+    g_cfg.instance_num = 7;
+    ASSERT_EQ(load_ksti_config(conf(minimal("  flight_recorder = { };\n")).c_str(), &g_cfg, false), 0);
+    EXPECT_EQ(g_cfg.flight_pages, (size_t)D_FLIGHT_PAGES);
+    EXPECT_NE(dump(&g_cfg).find("\tRing           = kst.7, 64 pages\n"), std::string::npos);
+    // Read at the start only: a reload keeps what the start made.
+    ASSERT_EQ(load_ksti_config(conf(minimal()).c_str(), &g_cfg, true), 0);
+    EXPECT_EQ(g_cfg.flight_pages, (size_t)D_FLIGHT_PAGES);
+}
+
+TEST_F(Settings, FlightRecorderPagesOutsideTheRangeFailTheLoad)
+{
+    for (int pages : {0, -1, MAX_FLIGHT_PAGES + 1}) {
+        LogCapture cap;
+        const std::string path = conf(minimal(strf("  flight_recorder = { pages = %d; };\n", pages)));
+        EXPECT_EQ(load_ksti_config(path.c_str(), &g_cfg, false), -1);
+        EXPECT_EQ(cap.text(), strf("(ERR)  load_config: flight_recorder.pages=%d is outside 1..16384\n", pages) +
+                                  "(ERR)  load_ksti_config: FAILED (-1)\n");
+    }
+    ASSERT_EQ(load_ksti_config(conf(minimal("  flight_recorder = { pages = 16384; };\n")).c_str(), &g_cfg, false),
+              0);
+    EXPECT_EQ(g_cfg.flight_pages, 16384u);
+}
+
 // The reload while the capture runs: a copy is loaded and replaces the settings whole.
 class Reload : public Settings {
 protected:
