@@ -52,12 +52,17 @@ ssize_t npread(int fd, char* buf, size_t count, off_t offset, uint32_t flags)
 {
     if (count == 0)
         return 0;
+    psensor_begin(PRF_DATAIN);
     for (;;) {
         const ssize_t rc = W_pread_f("npread", fd, buf, count, offset, flags & FDIO_VERBOSE);
-        if (rc >= 0)
+        if (rc >= 0) {
+            psensor_end(PRF_DATAIN);
             return rc;
-        if (errno != EINTR || g_quit)
+        }
+        if (errno != EINTR || g_quit) {
+            psensor_end(PRF_DATAIN);
             return 0;
+        }
         errno = 0;
     }
 }
@@ -70,10 +75,12 @@ ssize_t nsendfile(int out_fd, int in_fd, off_t* offset, size_t count, int bsd_fl
         return 0;
     off_t sent = 0;
     int rc;
+    psensor_begin(PRF_DATAOUT);
     do {
         sent = 0;
         rc = W_sendfile_f("nsendfile", out_fd, in_fd, *offset, count, nullptr, &sent, bsd_flags, flags & FDIO_VERBOSE);
     } while (rc == -1 && errno == EINTR && sent == 0 && !g_quit);
+    psensor_end(PRF_DATAOUT);
     if (rc == -1 && sent == 0) {
         const int err = errno;
         if (no_fault(err, flags & FDIO_VERBOSE))

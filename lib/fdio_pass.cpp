@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "log.h"
+#include "psensor.h"
 #include "syswrap.h"
 
 LOG_UNIT(LLMOD_FDIO);
@@ -60,7 +61,9 @@ ssize_t recv_fd(int src_fd, void* ptr, size_t nbytes, int* recvfd, uint32_t fdio
     iovec iov{ptr, nbytes};
     fd_control ctl{};
     msghdr msg = one_message(&iov, &ctl);
+    psensor_begin(PRF_DATAIN);
     const ssize_t rc = recvmsg(src_fd, &msg, 0);
+    psensor_end(PRF_DATAIN);
     if (rc <= 0) {
         const int err = errno;
         if (rc < 0 && (err == EAGAIN || err == EWOULDBLOCK) && !(fdio_flags & FDIO_VERBOSE))
@@ -93,7 +96,9 @@ ssize_t recv_fd(int src_fd, void* ptr, size_t nbytes, int* recvfd, uint32_t fdio
 int poll_on_socket(int sockfd, short events, int tmout)
 {
     pollfd p{sockfd, events, 0};
+    psensor_begin(PRF_EVIDLE);
     const int rc = W_poll("poll_on_socket", &p, 1, tmout);
+    psensor_end(PRF_EVIDLE);
     return rc < 0 ? -1 : p.revents;
 }
 
@@ -102,7 +107,9 @@ namespace {
 int wait_for(const char* caller, int sockfd, short wanted, int tmout)
 {
     pollfd p{sockfd, wanted, 0};
+    psensor_begin(PRF_EVIDLE);
     const int rc = W_poll(caller, &p, 1, tmout);
+    psensor_end(PRF_EVIDLE);
     if (rc < 0 || (p.revents & POLLNVAL))
         return -1;
     return (p.revents & wanted) ? 0 : 1;

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "log.h"
+#include "psensor.h"
 #include "syswrap.h"
 #include "vrassert.h"
 
@@ -192,12 +193,14 @@ ssize_t transfer_out(transfer_spec* tsp, const char* src, size_t count)
 {
     LOG_ASSERT(count != 0);
     ssize_t rc;
+    psensor_begin(PRF_DATAOUT);
     if (*tsp->flags & FDIO_SENDTO) {
         rc = sendto(tsp->out_fd, src, count, MSG_NOSIGNAL, static_cast<const sockaddr*>(tsp->aux),
                     (socklen_t)tsp->aux_len);
     } else {
         rc = nwrite(tsp->out_fd, src, count, *tsp->flags & FDIO_VERBOSE);
     }
+    psensor_end(PRF_DATAOUT);
     if (rc == -1)
         *tsp->flags |= FDIO_ERR_WRITE;
     else

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "log.h"
+#include "psensor.h"
 #include "rqs_backend.h"
 #include "syswrap.h"
 #include "timeop.h"
@@ -121,9 +122,23 @@ int switch_filter(int fd, int16_t filter, bool on, void* udata, const char* what
     return rc;
 }
 
-int call(rqs_evfunc f, int fd, uint32_t flags, void* udata, void* data)
+// A callback under its sensor.
+int call(int sensor, rqs_evfunc f, int fd, uint32_t flags, void* udata, void* data)
 {
-    return f != nullptr ? f(fd, flags, udata, data) : 0;
+    if (f == nullptr)
+        return 0;
+    psensor_begin(sensor);
+    const int rc = f(fd, flags, udata, data);
+    psensor_end(sensor);
+    return rc;
+}
+
+int post_process(int (*f)())
+{
+    psensor_begin(PRF_EVPP);
+    const int rc = f();
+    psensor_end(PRF_EVPP);
+    return rc;
 }
 
 int on_event(size_t i)
@@ -135,7 +150,7 @@ int on_event(size_t i)
     if (ev.flags & RQS_EV_ERROR) {
         LOG_AT(WARN_level, "%s: error(%d) event for fd%d: %s\n", "on_event", (int)ev.data, fd,
                strerror((int)ev.data));
-        return call(g_cfg_copy.cb.error, fd, flags, ev.udata, data);
+        return call(PRF_EVERR, g_cfg_copy.cb.error, fd, flags, ev.udata, data);
     }
     VRX_ASSERT(g_rqs.events.max_len);
     switch (ev.filter) {
@@ -147,12 +162,12 @@ int on_event(size_t i)
             if (ev.fflags & RQS_NOTE_RENAME)
                 flags |= RQS_FMOVED;
         }
-        return call(g_cfg_copy.cb.on_file_modified, fd, flags, ev.udata, data);
+        return call(PRF_EVREAD, g_cfg_copy.cb.on_file_modified, fd, flags, ev.udata, data);
     case RQS_EVFILT_READ:
-        return call(is_watched(fd) ? g_cfg_copy.cb.on_file_modified : g_cfg_copy.cb.read, fd, flags, ev.udata,
-                    data);
+        return call(PRF_EVREAD, is_watched(fd) ? g_cfg_copy.cb.on_file_modified : g_cfg_copy.cb.read, fd, flags,
+                    ev.udata, data);
     case RQS_EVFILT_WRITE:
-        return call(g_cfg_copy.cb.write, fd, flags, ev.udata, data);
+        return call(PRF_EVWRITE, g_cfg_copy.cb.write, fd, flags, ev.udata, data);
     default:
         LOG_AT(ERR_level, "%s: unsupported kevent filter: 0x%lx\n", "on_event", (unsigned long)(uint16_t)ev.filter);
         return 0;
@@ -433,9 +448,11 @@ bool one_pass(long& failed, int& leave)
         }
         LOG_AT(DEBUG_level, "%s: timeout=%f sec\n", "rqs_event_loop",
                g_rqs.tmout.tv_sec == -1 ? -1.0 : (double)g_rqs.tmout.tv_sec + (double)g_rqs.tmout.tv_nsec * 1e-9);
+        psensor_begin(PRF_EVIDLE);
         nevents = rqsb_wait(g_rqs.loopfd, static_cast<rqs_kev*>(g_rqs.events.data), (int)g_rqs.events.max_len,
                             tmout_arg());
         const int err = (nevents < 0) ? errno : 0;
+        psensor_end(PRF_EVIDLE);
         if (nevents < 0) {
             if (err == EINTR)
                 LOG_AT(INFO_level, "%s interrupted, quit=%d\n", "rqs_event_loop", (int)g_quit);
@@ -470,6 +487,7 @@ bool one_pass(long& failed, int& leave)
             nevents = 0;
     }
 
+    psensor_begin(PRF_EVLOOP);
     // No-poll entries; a callback may mark entries for removal meanwhile.
     if (g_rqs.nopoll_rm.max_len < g_rqs.nopoll.max_len &&
         xvec_reserve(&g_rqs.nopoll_rm, g_rqs.nopoll.max_len, sizeof(ssize_t), 10) != 0) {
@@ -496,7 +514,7 @@ bool one_pass(long& failed, int& leave)
     }
     g_rqs.loop_stage = ELOOP_POSTEV;
     if (cb.post_process != nullptr) {
-        const int rc = cb.post_process();
+        const int rc = post_process(cb.post_process);
         if (rc != 0) {
             leave = rc;
             return true;
@@ -517,12 +535,13 @@ bool one_pass(long& failed, int& leave)
     }
     g_rqs.loop_stage = ELOOP_ENDPP;
     if (cb.post_process != nullptr) {
-        const int rc = cb.post_process();
+        const int rc = post_process(cb.post_process);
         if (rc != 0) {
             leave = rc;
             return true;
         }
     }
+    psensor_end(PRF_EVLOOP);
     leave = 0;
     return g_quit != 0;
 }
@@ -541,6 +560,8 @@ int rqs_event_loop()
     int rc = 0;
     while (!one_pass(failed, rc)) {
     }
+    // A pass that left early leaves the sensor running: stopped here.
+    psensor_end(PRF_EVLOOP);
     if (rc == EINTR && g_quit)
         rc = 0;
     LOG_AT(INFO_level, "Exiting event loop, %d failed, rc=%d, quit=%d\n", (int)failed, rc, (int)g_quit);

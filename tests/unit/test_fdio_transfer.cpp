@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "fdio.h"
+#include "psensor.h"
 #include "logcap.h"
 #include "strf.h"
 #include "testfs.h"
@@ -389,4 +390,30 @@ TEST(TransferDeathTest, AnEmptyWriteOrASendfileWithoutOffsetStopsTheProcess)
     tsp.flags = &flags;
     EXPECT_DEATH(transfer_out(&tsp, "x", 0), "Assertion failed: \\(0\\), function transfer_out");
     EXPECT_DEATH(nsendfile(1, 0, nullptr, 10, 0, 0), "Assertion failed: \\(0\\), function nsendfile");
+}
+
+TEST_F(Transfer, TheDataSensorsCountAStepWhenTheyAreOn)
+{
+    ASSERT_EQ(psensors_init(nullptr, 1), 0);
+    const int in = open_src_file(dir_.make("src", pattern(1000)).c_str());
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    off_t offset = 0;
+    uint32_t flags = 0;
+    transfer_spec* tsp = new_transfer_spec(in, p[1], &offset, &flags, nullptr, 0);
+    EXPECT_EQ(transfer(tsp, 0, nullptr), 0);
+    for (int s : {PRF_DATAIN, PRF_DATAOUT}) {
+        const timespec& t = g_psensor[s].sensor.accum.tm;
+        EXPECT_TRUE(t.tv_sec != 0 || t.tv_nsec != 0) << g_psensor[s].nametag;
+    }
+    EXPECT_EQ(wait_to_read(p[0], 10), 0);
+    const timespec& idle = g_psensor[PRF_EVIDLE].sensor.accum.tm;
+    EXPECT_TRUE(idle.tv_sec != 0 || idle.tv_nsec != 0);
+    psensors_destroy();
+    for (auto& s : g_psensor)
+        s.enabled = 0;
+    free(tsp);
+    close(in);
+    close(p[0]);
+    close(p[1]);
 }

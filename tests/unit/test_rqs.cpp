@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "logcap.h"
+#include "psensor.h"
 #include "rqs.h"
 #include "strf.h"
 #include "testfs.h"
@@ -598,4 +599,23 @@ TEST_F(Rqs, ADescriptorClosedWithoutRemovalAndReusedIsRegisteredAnew)
     EXPECT_EQ(rqs_event_loop(), 1);
     ASSERT_EQ(whats(), (std::vector<std::string>{"time_out", "read"}));
     EXPECT_EQ(rec_.events[1].udata, &rec_);
+}
+
+TEST_F(Rqs, TheLoopsSensorsCountWhenTheyAreOn)
+{
+    ASSERT_EQ(psensors_init(nullptr, 1), 0);
+    const rqs_config cfg = config();
+    ASSERT_EQ(rqs_init(&cfg), 0);
+    ASSERT_EQ(rqs_add_reader(pipe_reader(true), nullptr), 0);
+    EXPECT_EQ(rqs_event_loop(), 1);
+    for (int s : {PRF_EVLOOP, PRF_EVREAD, PRF_EVPP, PRF_EVIDLE}) {
+        const timespec& t = g_psensor[s].sensor.accum.tm;
+        EXPECT_TRUE(t.tv_sec != 0 || t.tv_nsec != 0) << g_psensor[s].nametag;
+        EXPECT_EQ(g_psensor[s].started, 0u) << g_psensor[s].nametag;
+    }
+    const timespec& w = g_psensor[PRF_EVWRITE].sensor.accum.tm;
+    EXPECT_TRUE(w.tv_sec == 0 && w.tv_nsec == 0);
+    psensors_destroy();
+    for (auto& s : g_psensor)
+        s.enabled = 0;
 }
