@@ -96,12 +96,8 @@ dlep_t dlep_create(int* err)
 
 void dlep_destroy(dlep_t lh, efree_t efree)
 {
-    dlep_list* l = as_list(lh);
-    walk_from_tail(l, [efree](dlep_elem* e) {
-        if (efree != nullptr)
-            efree(e);
-    });
-    free(l);
+    dlep_purge(lh, efree);
+    free(as_list(lh));
 }
 
 void dlep_purge(dlep_t lh, efree_t efree)

@@ -135,6 +135,8 @@ int call(int sensor, rqs_evfunc f, int fd, uint32_t flags, void* udata, void* da
 
 int post_process(int (*f)())
 {
+    if (f == nullptr)
+        return 0;
     psensor_begin(PRF_EVPP);
     const int rc = f();
     psensor_end(PRF_EVPP);
@@ -513,12 +515,9 @@ bool one_pass(long& failed, int& leave)
                 ++failed;
     }
     g_rqs.loop_stage = ELOOP_POSTEV;
-    if (cb.post_process != nullptr) {
-        const int rc = post_process(cb.post_process);
-        if (rc != 0) {
-            leave = rc;
-            return true;
-        }
+    if (int rc = post_process(cb.post_process); rc != 0) {
+        leave = rc;
+        return true;
     }
     rqs_purge_nopoll_rm();
     if (failed > 0) {
@@ -526,20 +525,14 @@ bool one_pass(long& failed, int& leave)
         leave = 0;
         return true;
     }
-    if (cb.on_idle != nullptr) {
-        const int rc = cb.on_idle();
-        if (rc != 0) {
-            leave = rc;
-            return true;
-        }
+    if (int rc = (cb.on_idle != nullptr) ? cb.on_idle() : 0; rc != 0) {
+        leave = rc;
+        return true;
     }
     g_rqs.loop_stage = ELOOP_ENDPP;
-    if (cb.post_process != nullptr) {
-        const int rc = post_process(cb.post_process);
-        if (rc != 0) {
-            leave = rc;
-            return true;
-        }
+    if (int rc = post_process(cb.post_process); rc != 0) {
+        leave = rc;
+        return true;
     }
     psensor_end(PRF_EVLOOP);
     leave = 0;
