@@ -53,9 +53,19 @@ int rec(const char* what, int fd, uint32_t flags, void* udata, void* data)
     return 0;
 }
 
+ssize_t g_nopoll_idx = 99;
+
 int on_read(int fd, uint32_t flags, void* udata, void* data)
 {
     rec("read", fd, flags, udata, data);
+    if (udata == &g_nopoll_idx) {
+        // An entry added and dropped within the walk of events: it goes at
+        // the purge after post-processing, before any pass walks it.
+        rqs_add_nopoll_reader(fd, &g_nopoll_idx, nullptr);
+        rqs_pprm_nopoll(g_nopoll_idx);
+        char b;
+        (void)!read(fd, &b, 1);
+    }
     for (int c : g_rec->close_on_read) {
         if (c == fd) {
             rqs_rm_fd(fd, true, false);
@@ -618,4 +628,20 @@ TEST_F(Rqs, TheLoopsSensorsCountWhenTheyAreOn)
     psensors_destroy();
     for (auto& s : g_psensor)
         s.enabled = 0;
+}
+
+TEST_F(Rqs, ACallbackMayDropANoPollEntryDuringTheWalk)
+{
+    const rqs_config cfg = config();
+    ASSERT_EQ(rqs_init(&cfg), 0);
+    ASSERT_EQ(rqs_add_reader(pipe_reader(true), &g_nopoll_idx), 0);
+    rec_.tmout = {0, 1000 * 1000};
+    rec_.idle_after = 2;
+    LogCapture cap(ERR_level);
+    EXPECT_EQ(rqs_event_loop(), 1);
+    EXPECT_EQ(g_nopoll_idx, -1);
+    EXPECT_EQ(rqs_fd_count(GET_NOPOLLFDS), 0u);
+    // The entry never reached a walk of its own.
+    EXPECT_EQ(cap.text(), "");
+    EXPECT_EQ(whats(), (std::vector<std::string>{"time_out", "read", "time_out"}));
 }
