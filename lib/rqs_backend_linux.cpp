@@ -48,6 +48,8 @@ struct fdrec {
     uint32_t mask;     // what epoll has for it
     int wd;            // inotify watch, or -1
     uint32_t wd_mask;
+    dev_t dev;         // what the number stood for when a filter was added:
+    ino_t ino;         // kqueue forgets a descriptor's filters when it closes
 };
 
 constexpr uint64_t kInotifyTag = UINT64_MAX;
@@ -385,6 +387,18 @@ int rqsb_change(int loopfd, const rqs_kev* change)
     if (r == nullptr) {
         errno = ENOMEM;
         return -1;
+    }
+    if (change->flags & RQS_EV_ADD) {
+        // A number closed and reused for another file: nothing of the old
+        // one's filters may stay, as none would under kqueue.
+        struct stat st;
+        if (fstat(fd, &st) == 0) {
+            const bool known = r->rd.on || r->wr.on || r->vn.on;
+            if (known && (st.st_dev != r->dev || st.st_ino != r->ino))
+                forget(r);
+            r->dev = st.st_dev;
+            r->ino = st.st_ino;
+        }
     }
     switch (change->filter) {
     case RQS_EVFILT_READ:

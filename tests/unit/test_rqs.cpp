@@ -645,3 +645,32 @@ TEST_F(Rqs, ACallbackMayDropANoPollEntryDuringTheWalk)
     EXPECT_EQ(cap.text(), "");
     EXPECT_EQ(whats(), (std::vector<std::string>{"time_out", "read", "time_out"}));
 }
+
+TEST_F(Rqs, AReusedNumberKeepsNoneOfTheOldDescriptorsFilters)
+{
+    const rqs_config cfg = config();
+    ASSERT_EQ(rqs_init(&cfg), 0);
+    int old_sp[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, old_sp), 0);
+    ASSERT_EQ(rqs_add_reader(old_sp[0], &rec_), 0);
+    // Writing was on, then off: the filter stays registered, disabled.
+    ASSERT_EQ(rqs_mod(old_sp[0], &rec_, RQS_READ | RQS_WRITE), 0);
+    ASSERT_EQ(rqs_mod(old_sp[0], &rec_, RQS_READ), 0);
+    ASSERT_EQ(rqs_rm_fd(old_sp[0], true, false), 0);
+    const int number = old_sp[0];
+    close(old_sp[0]);
+    close(old_sp[1]);
+    int sp[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sp), 0);
+    ASSERT_EQ(sp[0], number);
+    fds_.push_back(sp[0]);
+    fds_.push_back(sp[1]);
+    int fresh = 0;
+    ASSERT_EQ(rqs_add_reader(sp[0], &fresh), 0);
+    // Enabling writing of the new descriptor registers it with its own data.
+    ASSERT_EQ(rqs_mod(sp[0], &fresh, RQS_READ | RQS_WRITE), 0);
+    rec_.tmout = {0, 0};
+    EXPECT_EQ(rqs_event_loop(), 1);
+    ASSERT_EQ(whats(), (std::vector<std::string>{"time_out", "write"}));
+    EXPECT_EQ(rec_.events[1].udata, &fresh);
+}
