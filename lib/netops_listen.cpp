@@ -82,13 +82,13 @@ int open_udp_listener(const sockaddr_storage* ss, const char* port)
 
 int open_anyaddr_listener(int af, const char* port, int defer_listen)
 {
-    socket_spec spec{};
-    spec.passive = 1;
-    spec.non_blocking = 1;
-    spec.defer_listen = defer_listen ? 1 : 0;
-    spec.family = af;
-    spec.socktype = SOCK_STREAM;
-    return open_socket(nullptr, port, &spec, nullptr, nullptr);
+    socket_spec req{};
+    req.passive = 1;
+    req.non_blocking = 1;
+    req.defer_listen = defer_listen ? 1 : 0;
+    req.family = af;
+    req.socktype = SOCK_STREAM;
+    return open_socket(nullptr, port, &req, nullptr, nullptr);
 }
 
 int open_domain_listener(const char* path)
