@@ -275,3 +275,28 @@ class KstTestCase(unittest.TestCase):
     def assertNoShmLeft(self, pid):
         self.assertFalse(any(n.startswith(f"mmr.{pid}.") for n in os.listdir("/dev/shm")),
                          f"shared memory of pid {pid} left behind")
+
+
+# An HTTP client's head is longer than the 32 bytes of a listener's low
+# watermark when it carries this line: a shorter one is seen only when more
+# bytes or the end come.
+CLIENT_UA = b"User-Agent: kst-e2e-client\r\n"
+
+
+def free_tcp_port():
+    """A loopback TCP port nobody listens on right now."""
+    s = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+    s.bind(("127.0.0.1", 0))
+    port = s.getsockname()[1]
+    s.close()
+    return port
+
+
+def read_to_end(s):
+    """Everything the peer sends until it closes; the socket's own time-out bounds each wait."""
+    out = b""
+    while True:
+        chunk = s.recv(65536)
+        if not chunk:
+            return out
+        out += chunk

@@ -12,30 +12,15 @@ import tempfile
 import threading
 import unittest
 
-from kstlib import KstTestCase, make_ts, need, read_text, wait_drained, wait_for
+from kstlib import (CLIENT_UA, KstTestCase, free_tcp_port, make_ts, need, read_text, read_to_end, wait_drained,
+                    wait_for)
 
 KSTWEB = os.environ.get("KSTWEB_BIN", "")
-UA = b"User-Agent: kst-e2e-client\r\n"
-
-
-def free_port():
-    s = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-    s.bind(("127.0.0.1", 0))
-    port = s.getsockname()[1]
-    s.close()
-    return port
-
-
 def fetch(port, path, method=b"GET"):
     """The whole answer to one request, head and body."""
     s = socket.create_connection(("127.0.0.1", port), timeout=20)
-    s.sendall(method + b" " + path + b" HTTP/1.1\r\nHost: t\r\n" + UA + b"\r\n")
-    out = b""
-    while True:
-        chunk = s.recv(65536)
-        if not chunk:
-            break
-        out += chunk
+    s.sendall(method + b" " + path + b" HTTP/1.1\r\nHost: t\r\n" + CLIENT_UA + b"\r\n")
+    out = read_to_end(s)
     s.close()
     return out
 
@@ -55,7 +40,7 @@ class KstWebCase(KstTestCase):
             self.skipTest("kst-web not built")
         self.snaps = self.path("snaps")
         os.mkdir(self.snaps)
-        self.port = free_port()
+        self.port = free_tcp_port()
         self.web_log = self.path("web.log")
         self.web = None
 
@@ -146,13 +131,8 @@ class KstWebTest(KstWebCase):
     def test_a_slow_client_gets_408(self):
         self.start_web(tmout=300)
         s = socket.create_connection(("127.0.0.1", self.port), timeout=10)
-        s.sendall(b"GET /ping HTTP/1.1\r\n" + UA)
-        out = b""
-        while True:
-            chunk = s.recv(4096)
-            if not chunk:
-                break
-            out += chunk
+        s.sendall(b"GET /ping HTTP/1.1\r\n" + CLIENT_UA)
+        out = read_to_end(s)
         s.close()
         self.assertEqual(status(out), 408)
 

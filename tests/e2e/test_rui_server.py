@@ -14,7 +14,7 @@ import tempfile
 import time
 import unittest
 
-from kstlib import read_text, wait_for
+from kstlib import CLIENT_UA, free_tcp_port, read_text, read_to_end, wait_for
 
 SERVER = os.environ.get("RUI_SERVER_BIN", "")
 
@@ -22,19 +22,6 @@ OK = b"HTTP/1.1 200 OK\r\nServer: rui-test\r\nContent-Length: 0\r\n\r\n"
 NOT_FOUND = b"HTTP/1.1 404 Not Found\r\nServer: rui-test\r\nContent-Length: 0\r\nConnection: close\r\n\r\n"
 BAD = b"HTTP/1.1 400 Bad request\r\nServer: rui-test\r\nContent-Length: 0\r\n\r\n"
 TIMEOUT = b"HTTP/1.1 408 Request Timeout\r\nServer: rui-test\r\nContent-Length: 0\r\nConnection: close\r\n\r\n"
-
-
-# Every request here is longer than the 32 bytes of the listener's low
-# watermark: a shorter one is seen only when more bytes or the end come.
-UA = b"User-Agent: kst-e2e-client\r\n"
-
-
-def free_port():
-    s = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-    s.bind(("127.0.0.1", 0))
-    port = s.getsockname()[1]
-    s.close()
-    return port
 
 
 def exchange(addr, data, family=socket.AF_INET, pieces=1, timeout=10):
@@ -47,12 +34,7 @@ def exchange(addr, data, family=socket.AF_INET, pieces=1, timeout=10):
         s.sendall(data[i:i + step])
         if pieces > 1:
             time.sleep(0.01)
-    out = b""
-    while True:
-        chunk = s.recv(4096)
-        if not chunk:
-            break
-        out += chunk
+    out = read_to_end(s)
     s.close()
     return out
 
@@ -64,8 +46,8 @@ class RuiServerCase(unittest.TestCase):
         if not SERVER or not os.path.exists(SERVER):
             self.skipTest("rui_server not built")
         self.dir = tempfile.mkdtemp(prefix="kst-rui-")
-        self.user_port = free_port()
-        self.admin_port = free_port()
+        self.user_port = free_tcp_port()
+        self.admin_port = free_tcp_port()
         self.sock_path = os.path.join(self.dir, "svc.sock")
         self.log = os.path.join(self.dir, "server.log")
         self.proc = None
@@ -147,17 +129,17 @@ class ToolkitTest(RuiServerCase):
     def test_the_responses_byte_for_byte(self):
         self.start()
         addr = ("127.0.0.1", self.user_port)
-        self.assertEqual(exchange(addr, b"GET /ping HTTP/1.1\r\nHost: h\r\n" + UA + b"\r\n"), OK)
-        self.assertEqual(exchange(addr, b"GET /favicon.ico HTTP/1.1\r\n" + UA + b"\r\n"), NOT_FOUND)
-        self.assertEqual(exchange(addr, b"DELETE /x HTTP/1.1\r\n" + UA + b"\r\n"), BAD)
-        self.assertEqual(exchange(("::1", self.user_port, 0, 0), b"HEAD /ping HTTP/1.0\r\n" + UA + b"\r\n",
+        self.assertEqual(exchange(addr, b"GET /ping HTTP/1.1\r\nHost: h\r\n" + CLIENT_UA + b"\r\n"), OK)
+        self.assertEqual(exchange(addr, b"GET /favicon.ico HTTP/1.1\r\n" + CLIENT_UA + b"\r\n"), NOT_FOUND)
+        self.assertEqual(exchange(addr, b"DELETE /x HTTP/1.1\r\n" + CLIENT_UA + b"\r\n"), BAD)
+        self.assertEqual(exchange(("::1", self.user_port, 0, 0), b"HEAD /ping HTTP/1.0\r\n" + CLIENT_UA + b"\r\n",
                                   family=socket.AF_INET6), OK)
 
     def test_a_head_split_over_many_writes(self):
         self.start(user_tmout=5000)
         # Ten writes of 40 bytes, 10 ms apart: each one is over the low
         # watermark, so each wakes the service, which waits for the end.
-        rq = b"GET /ping HTTP/1.1\r\nHost: somewhere\r\n" + UA
+        rq = b"GET /ping HTTP/1.1\r\nHost: somewhere\r\n" + CLIENT_UA
         rq += b"X-Pad: " + b"p" * (400 - len(rq) - 11) + b"\r\n\r\n"
         self.assertEqual(len(rq), 400)
         self.assertEqual(exchange(("127.0.0.1", self.user_port), rq, pieces=10), OK)
@@ -166,13 +148,8 @@ class ToolkitTest(RuiServerCase):
         self.start(user_tmout=300)
         s = socket.create_connection(("127.0.0.1", self.user_port), timeout=10)
         # A head that never ends: the request line and one header.
-        s.sendall(b"GET /ping HTTP/1.1\r\n" + UA)
-        out = b""
-        while True:
-            chunk = s.recv(4096)
-            if not chunk:
-                break
-            out += chunk
+        s.sendall(b"GET /ping HTTP/1.1\r\n" + CLIENT_UA)
+        out = read_to_end(s)
         s.close()
         self.assertEqual(out, TIMEOUT)
         self.assertTrue(wait_for(lambda: "tmout_srv: 1 [usr] requests timed out" in read_text(self.log), timeout=5))
@@ -216,7 +193,7 @@ class LimitsTest(RuiServerCase):
         gone = self.clients.pop()
         gone.close()
         self.assertTrue(wait_for(lambda: "rm_request: OK for fd=" in read_text(self.log), timeout=10))
-        self.assertEqual(exchange(("127.0.0.1", self.user_port), b"GET /ping HTTP/1.1\r\n" + UA + b"\r\n"), OK)
+        self.assertEqual(exchange(("127.0.0.1", self.user_port), b"GET /ping HTTP/1.1\r\n" + CLIENT_UA + b"\r\n"), OK)
 
     def test_listening_stops_at_three_quarters_and_starts_again(self):
         self.start(user_tmout=120000, flow=8)
@@ -232,7 +209,7 @@ class LimitsTest(RuiServerCase):
         self.assertTrue(wait_for(lambda: read_text(self.log).count("STARTED listener fd") >= 4, timeout=10),
                         read_text(self.log))
         self.assertIn("rui_should_listen: usr (4 requsts queued)", read_text(self.log))
-        self.assertEqual(exchange(("127.0.0.1", self.user_port), b"GET /ping HTTP/1.1\r\n" + UA + b"\r\n"), OK)
+        self.assertEqual(exchange(("127.0.0.1", self.user_port), b"GET /ping HTTP/1.1\r\n" + CLIENT_UA + b"\r\n"), OK)
 
 
 if __name__ == "__main__":
