@@ -24,7 +24,7 @@ mmr_t make_ring(bool per_packet)
         return nullptr;
     mm_ring* mr = static_cast<mm_ring*>(ring);
     for (size_t i = 0; i < kRing; ++i)
-        mr->buf[i] = (i % 188 == 0) ? TS_SYNC : (uint8_t)i;
+        mr->buf[i] = (i % 188 == 0) ? MPEG_TS_SYNC : (uint8_t)i;
     mr->stype = STY_MPEGTS;
     mr->ts_len = 188;
     mr->pld_pos = 0;
@@ -88,7 +88,7 @@ void BM_CapPerRead(benchmark::State& state)
     mr->opt.no_mtu_pack = per_packet;
     uint8_t dgram[kDgram];
     for (size_t i = 0; i < kDgram; ++i)
-        dgram[i] = (i % 188 == 0) ? TS_SYNC : (uint8_t)i;
+        dgram[i] = (i % 188 == 0) ? MPEG_TS_SYNC : (uint8_t)i;
 
     const size_t limit = ring_sz - kReserve;
     int failed = 0;

@@ -137,8 +137,8 @@ void BM_AnalysisPass(benchmark::State& state)
     g_cfg.min_read_bytes = std::max(D_MINREAD_BYTES, chunk);
     g_cfg.lost_sync_alert = true;
     g_cfg.tsa = bench_config();
-    analysis_reset_for_test();
-    if (mmr_create(&g_ctx.mmr, g_cfg.cache_sz_mb * BYTES_IN_MB) != 0) {
+    g_ctx.an = analysis_ctx{};
+    if (mmr_create(&g_ctx.mmr, ring_bytes(g_cfg)) != 0) {
         state.SkipWithError("mmr_create failed");
         return;
     }

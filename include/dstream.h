@@ -2,6 +2,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 
@@ -22,6 +23,12 @@ constexpr uint32_t DS_DGRAM_BUF = 1;
 constexpr uint32_t DS_TRACE_TSPARSE = 1;  // trace the format search
 
 extern uint32_t g_dst_flags;
+
+// Codes of the RTP length test that ds_find_dgram leaves in *pkt_len:
+// negated errno values, the same on every platform.
+constexpr ssize_t DS_NOTTS = -EINVAL;   // -22: payload type or sync byte not TS
+constexpr ssize_t DS_BADRTP = -ERANGE;  // -34: header or footer size refused
+constexpr ssize_t DS_NONEXT = -ESRCH;   // -3: no next RTP header within reach
 
 // Where the first packet of buf starts (-1 if none within the first 210
 // bytes), the stream type (STY_*.num) in *stype and the packet length in

@@ -61,8 +61,12 @@ int use_sendfile(uint32_t fdio_flags, int* bsd_flags);
 transfer_spec* new_transfer_spec(int in_fd, int out_fd, off_t* offset, uint32_t* flags, void* aux, ssize_t aux_len);
 int open_src_file(const char* fpath);
 int open_dst_file(const char* fpath, uint32_t flags);
-// 0 and FDIO_SENDFILE set when sendfile can serve; 1: the source is no
-// regular file, 2: the destination no socket, 3: no stream socket.
+// Why check_can_sendfile says no.
+constexpr int SF_SRC_NOTREG = 1;     // the source is no regular file
+constexpr int SF_DST_NOTSOCK = 2;    // the destination is no socket
+constexpr int SF_DST_NOTSTREAM = 3;  // the destination is no stream socket
+
+// 0 and FDIO_SENDFILE set when sendfile can serve, else an SF_ code.
 int check_can_sendfile(mode_t src_mode, mode_t dst_mode, int dst_socktype, uint32_t* flags);
 
 // One step; 0, or -1 for a real failure. *tbytes: the bytes moved.

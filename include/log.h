@@ -163,15 +163,18 @@ int snprintf_btrace(char* buf, size_t buflen, const char* fmt, ...) VRX_PRINTF(3
 // test, and the file then shares that one composition.
 #define LOG_AT(level, fmt, ...)                                                          \
     do {                                                                                 \
-        logbuf_reset();                                                                  \
-        if (lard_enabled(&g_log)) [[unlikely]] {                                         \
-            logbuf_prepare(&g_log, (level), fmt __VA_OPT__(, ) __VA_ARGS__);             \
-            log_lard(&g_log, (level));                                                   \
-        }                                                                                \
-        if (g_mod_ll[g_llctx.mod] >= (level)) {                                          \
-            if (logbuf_empty())                                                          \
+        const bool lv_on_ = g_mod_ll[g_llctx.mod] >= (level);                            \
+        if (lv_on_ || lard_enabled(&g_log)) {                                            \
+            logbuf_reset();                                                              \
+            if (lard_enabled(&g_log)) [[unlikely]] {                                     \
                 logbuf_prepare(&g_log, (level), fmt __VA_OPT__(, ) __VA_ARGS__);         \
-            log_flush(&g_log, (level));                                                  \
+                log_lard(&g_log, (level));                                               \
+            }                                                                            \
+            if (lv_on_) {                                                                \
+                if (logbuf_empty())                                                      \
+                    logbuf_prepare(&g_log, (level), fmt __VA_OPT__(, ) __VA_ARGS__);     \
+                log_flush(&g_log, (level));                                              \
+            }                                                                            \
         }                                                                                \
     } while (0)
 

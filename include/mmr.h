@@ -5,9 +5,11 @@
 
 #include <sys/types.h>
 #include <sys/uio.h>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 
+#include "mpegts.h"  // MPEG_TS_SYNC
 #include "vrtypes.h"
 
 using mmr_t = void*;
@@ -36,8 +38,16 @@ enum : uint32_t {
     MMR_OPUT_VERBOSE = 4,
 };
 
+// Results of the ring's calls besides 0 and -1. Positive codes are errno
+// values of the platform (the target's EAGAIN is 35, Linux's 11); negative
+// ones are negated errno values that are the same on both.
+constexpr int MMR_AGAIN = EAGAIN;      // read-out: less than one packet yet, wait for more
+constexpr int MMR_LOSTSYNC = -EBADF;   // read-out: -9, sync failed or was lost
+constexpr int MMR_NOTTS = -EFAULT;     // read-out and first put: -14, no TS/RTP in reach
+constexpr int MMR_NOMEM = ENOMEM;      // mmr_create: 12, no memory or mapping
+constexpr int MMR_NOSHM = EINVAL;      // mmr_create: 22, no shared object or mapping
+
 constexpr size_t MAX_TS_LEN = 214;
-constexpr uint8_t TS_SYNC = 71;
 constexpr size_t SNAME_LEN = 128;
 
 extern uint32_t g_verbosity;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 
@@ -18,10 +19,14 @@ constexpr uint32_t MAX_PCR_GAP = 45000;  // half a second of PCR base ticks
 constexpr uint32_t F_ABRT_PCR = 1;  // a backward step aborts the process
 constexpr uint32_t F_MAX_PCRD = 2;  // warn of a gap above MAX_PCR_GAP
 
+// Failures of ts_probe besides -1 (the buffer is too short for a size under
+// test): negated errno values, the same on every platform.
+constexpr ssize_t TS_NOSYNC = -EINVAL;  // -22: buf[0] is no sync byte
+constexpr ssize_t TS_NOSIZE = -ESRCH;   // -3: no packet size is in sync
+
 // Packet size of data that starts at a sync byte: 188, 192, 204 or 208 (or
-// len itself if it is exactly one packet); -22 if buf[0] is no sync byte, -1
-// if the buffer is too short for a size under test, -3 if no size is in sync.
-// With full_pkts, len must be a whole number of packets.
+// len itself if it is exactly one packet), -1, TS_NOSYNC or TS_NOSIZE. With
+// full_pkts, len must be a whole number of packets.
 ssize_t ts_probe(const uint8_t* buf, size_t len, bool full_pkts);
 
 // Offset of the first TS packet, its size in *pkt_len; -1 if there is none.

@@ -19,7 +19,8 @@ constexpr int GET_TOTALFDS = 0;
 constexpr int GET_POLLFDS = 1;
 constexpr int GET_NOPOLLFDS = 2;
 
-// Where in a pass the loop is: rqs_ctx(1, ...).
+// Where in a pass the loop is: rqs_ctx(RQS_CTX_STAGE, ...).
+constexpr int RQS_CTX_STAGE = 1;
 enum : int { ELOOP_START = 0, ELOOP_EV = 1, ELOOP_POSTEV = 2, ELOOP_ENDPP = 3 };
 
 // Flags handed to the callbacks.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 
@@ -25,8 +26,11 @@ bool is_rtp_ext(const uint8_t* pkt, bool verbose);
 bool is_rtp_pkt(const uint8_t* pkt);   // verbose
 bool is_rtp_data(const uint8_t* pkt);  // silent
 
-// Header bytes (fixed part, sources, extension), or -12 if len is too short
-// to read the extension's length. Version and type are not checked.
+// rtp_header_len: len is too short to read the extension's length (-12).
+constexpr ssize_t RTP_SHORTXT = -ENOMEM;
+
+// Header bytes (fixed part, sources, extension), or RTP_SHORTXT. Version and
+// type are not checked.
 ssize_t rtp_header_len(const uint8_t* pkt, size_t len);
 
 // Padding bytes that the packet declares at its end, 0 if none.

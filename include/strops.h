@@ -22,4 +22,6 @@ size_t marker_count(const char* s, const char* marker);
 size_t hex_to_bin(const char* str, uint8_t* out, size_t len);
 size_t bin_to_dhex(const uint8_t* bin, size_t blen, char* s, size_t slen, const char* delim);
 void mk_trk_tag(int* count, n64_tag* tag, char pfx, int max);
+// Every tag in buf replaced by ul (nothing for 0): 0, ENOMEM, or -ERANGE when
+// the result does not fit or the tags do not run out.
 int replace_ul_macro(char* buf, size_t len, const char* tag, unsigned long ul);

@@ -40,6 +40,9 @@ void calc_timespan(const timespec* from, const timespec* till, timespec* span);
 bool tspan_timed_out(const tspan* last, const tspan* tmout, const timespec* now, uint32_t ticks_now);
 void set_tspan(tspan* spn, const timespec* tm, uint32_t ticks);
 
+// mk_timestr was entered again while converting (a handler ran in the
+// middle): a plain number of its own, not an errno value.
+constexpr ssize_t TM_BUSY = -11;
 ssize_t mk_timestr(const timespec* tms, uint32_t flags, char* buf, size_t buflen);
 const char* get_timezone(bool refresh);
 int scan_log_time(const char* s, timespec* tms, uint32_t flags);

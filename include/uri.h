@@ -99,6 +99,16 @@ constexpr size_t URI_QITEMS_MAX = 128;
 // The next segment of s: it starts behind one dlm[0] and runs up to and
 // including the next dlm[1]; null at the end of s.
 const char* uri_xseg(const char* s, const char* dlm, const char** pbuf, size_t* buflen);
+// Codes of uri_extract_endpts_ext beside 0 and -1 (a src pair's source too
+// long) and the depth left open by a src pair (1 or more). Plain numbers of
+// their own, as the parser gives them.
+constexpr int URI_EP_NOSLASH = 3;   // no slash and no alias; or no first segment
+constexpr int URI_EP_TOOLONG = 7;   // an alias or a udp/rtp source does not fit
+constexpr int URI_EP_NOADDR = 22;   // udp/rtp without a next segment
+constexpr int URI_EP_WORDLONG = -22;  // the udp/rtp word itself does not fit
+constexpr int URI_EP_NOROOM = 34;   // an hls-fra file path does not fit
+constexpr int URI_EP_UNKNOWN = -14;  // the first word names no kind of endpoint
+
 // A request path that names a source and a destination: 0, or a code.
 int uri_extract_endpts_ext(const char* s, char* src, size_t slength, char* dst, size_t dlength, uri_parse_ctx* ctx);
 // Percent coding in place: s, or null.

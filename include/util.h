@@ -3,6 +3,7 @@
 #pragma once
 
 #include <csignal>
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <ctime>
@@ -70,8 +71,12 @@ int set_mem_limits(rlim_t rss, rlim_t vmem);
 int set_nice(int niceval);
 // Binds the process to one processor; 0 or the failing call's result.
 int pin2cpu(int cpunum);
-// Standard output and error into the file: 0, -1 (open), -2 (onto 1) or
-// -3 (onto 2).
+// Failures of redirect_output beside -1 (the open).
+constexpr int REDIR_STDOUT = -2;  // dup2 onto 1
+constexpr int REDIR_STDERR = -3;  // dup2 onto 2
+
+// Standard output and error into the file: 0, -1, REDIR_STDOUT or
+// REDIR_STDERR.
 int redirect_output(const char* dst_path);
 
 // Pid files. A pid file is live while its owner holds a write lock on it.
@@ -118,8 +123,11 @@ FILE* fopen_any(const char* base, const char* mode, size_t ndirs, const char* co
                 size_t pathlen);
 // The first of the paths that exists, or null.
 const char* pick_first_file(const char* const* paths, size_t count);
-// Reads the whole file into buf: its size, -7 if it is larger than buflen,
-// -1 on any other failure. The descriptor is left open: not for loops.
+// read_file_buf: the file is larger than the buffer (-7).
+constexpr ssize_t RFB_TOOBIG = -E2BIG;
+
+// Reads the whole file into buf: its size, RFB_TOOBIG, or -1 on any other
+// failure. The descriptor is left open: not for loops.
 ssize_t read_file_buf(const char* fpath, void* buf, size_t buflen);
 // Creates the directories on the way to fpath (not fpath itself); 0 or
 // mkdir's failing result.

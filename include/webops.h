@@ -4,6 +4,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 
@@ -59,6 +60,12 @@ ssize_t read_http(int sockfd, char* buf, size_t buflen, ssize_t offset, ssize_t*
 // Results of web_parse_urq beside 0.
 constexpr int RC_FAVICON = 1028;
 constexpr int RC_PING = 1029;
+// ... and its failures beside -1 (a path that does not split or decode).
+constexpr int WEB_NOPATH = -ESRCH;      // -3: the request has no path
+constexpr int WEB_QUERYBIG = -E2BIG;    // -7: the query is beyond its limit
+constexpr int WEB_URIBIG = E2BIG;       // 7: source and query do not fit ulen
+// web_parse_url: a path of no or too many characters (34).
+constexpr int WEB_BADPATH = ERANGE;
 
 inline constexpr const char* HLS_M3U8_TYPE = "application/x-mpegURL";
 inline constexpr const char* HLS_FRA_TYPE = "video/MP2T";

@@ -20,11 +20,6 @@ LOG_UNIT(LLMOD_DEFAULT);
 
 namespace {
 
-process_ctx pctx;
-iovec iov[ANALYZE_IOV_MAX];
-size_t iov_used = ANALYZE_IOV_MAX;  // entries the last batch may have written
-time_t last_report_tm = 0;  // of the last throughput report
-double last_total = 0;      // total_bytes at that report
 // One record per stream packet, not groups sized to a message.
 constexpr mm_opt mopt{true};
 
@@ -67,7 +62,7 @@ ssize_t seg_process(const mm_info& info, const uint8_t* seg, size_t seglen, cons
     ssize_t npkts = 0;
     const uint8_t* pkt = data;
     do {
-        VRX_ASSERT(TS_SYNC == pkt[0]);
+        VRX_ASSERT(MPEG_TS_SYNC == pkt[0]);
         if (tsan_process(g_ctx.tc, pkt, end) != 0)
             return -1;
         pkt += info.ts_len;
@@ -88,135 +83,174 @@ void analysis_switched(bool on)
     }
     // What was carried over ended before the pause; the next read does not
     // continue it.
-    pctx.tail_size = 0;
+    g_ctx.an.pctx.tail_size = 0;
     mmr_restart_pktnums(g_ctx.mmr);
 }
 
-process_ctx* analysis_state()
+namespace {
+
+// The packet length is known once the ring has recognised the stream: false
+// while it hasn't, with *rc what analyze_input gives for this read.
+bool learn_pkt_size(process_ctx& pctx, int* rc)
 {
-    return &pctx;
+    if (pctx.info.ts_len != 0)
+        return true;
+    (void)mmr_get_info(g_ctx.mmr, &pctx.info);
+    if (pctx.info.ts_len == 0) {
+        // The ring hasn't recognised the stream yet.
+        *rc = 0;
+        if (pctx.pkt_count != 0) {
+            LOG_AT(ERR_level, "%s: packet size not set, cannot analyze\n", "analyze_input");
+            *rc = AN_NOPKTSIZE;
+        }
+        return false;
+    }
+    mmr_set_opt(g_ctx.mmr, &mopt);
+    return true;
 }
 
-void analysis_reset_for_test()
+// One batch of the read-out over the bytes left: 0 with *count records in
+// the iov array, or the code that ends the call.
+int read_out_batch(analysis_ctx& an, uint8_t* data, ssize_t nleft, ssize_t niter, size_t* count,
+                   ssize_t* pkt1_offt)
 {
-    pctx = process_ctx{};
-    memset(iov, 0, sizeof(iov));
-    iov_used = 0;
-    last_report_tm = 0;
-    last_total = 0;
+    // Every batch starts on a cleared array; entries past those the last
+    // batch used are still clear.
+    memset(an.iov, 0, an.iov_used * sizeof(an.iov[0]));
+    *count = ANALYZE_IOV_MAX;
+    int rc = mmr_oget_buf(g_ctx.mmr, data, (size_t)nleft, an.iov, count, pkt1_offt);
+    an.iov_used = (rc == 0 || rc == MMR_LOSTSYNC) ? *count : ANALYZE_IOV_MAX;
+    if (rc == MMR_LOSTSYNC && g_cfg.lost_sync_alert && g_cfg.alert_log.path[0] != '\0') {
+        if (tsan_alert_lostsync(g_ctx.tc) != 0)
+            return AN_LOSTSYNC;
+        rc = 0;
+    }
+    if (rc != 0) {
+        LOG_AT(ERR_level, "%s: mmr_oget_buf() ERROR(%d), niter=%zu\n", "analyze_input", rc, (size_t)niter);
+        return -1;
+    }
+    // A skip in the first batch of a call is expected.
+    if (*pkt1_offt != 0 && niter >= 2)
+        LOG_AT(WARN_level, "%s: offset=%zd at iter#%zd\n", "analyze_input", *pkt1_offt, niter);
+    return 0;
 }
+
+// The tracker walks the batch's records up to the first it fails: 0 with
+// the packets and bytes walked added, or -1 when the batch can't move on.
+int walk_batch(analysis_ctx& an, size_t count, ssize_t pkt1_offt, ssize_t niter, const uint8_t* end,
+               size_t* pkts, size_t* bytes)
+{
+    const mm_info& info = an.pctx.info;
+    for (size_t i = 0; i < count; ++i) {
+        const iovec& rec = an.iov[i];
+        const ssize_t npkts = seg_process(info, static_cast<const uint8_t*>(rec.iov_base), rec.iov_len, end);
+        if (npkts >= 0) {
+            *pkts += (size_t)npkts;
+            *bytes += rec.iov_len;
+            continue;
+        }
+        // The batch ends here; the next one starts at this record.
+        LOG_AT(ERR_level, "%s: error processing seg[%zu], len=%zu\n", "analyze_input", i, rec.iov_len);
+        if (i == 0 && pkt1_offt == 0) {
+            // The tracker fails a packet the same way each time it sees it
+            // (idling, above all): retried at the start of every batch, it
+            // would hold the capture here for ever. It is passed over as
+            // walked instead.
+            if (rec.iov_len == 0) {
+                LOG_AT(ERR_level, "%s: no way past seg[0] at iter#%zd\n", "analyze_input", niter);
+                return -1;
+            }
+            *pkts += (rec.iov_len + info.ts_len - 1) / info.ts_len;
+            *bytes += rec.iov_len;
+        }
+        break;
+    }
+    return 0;
+}
+
+// The last nleft bytes, from data on, are an incomplete packet: kept in abuf
+// for the next read. 0, or AN_NOMEM.
+int carry_over(process_ctx& pctx, const uint8_t* start, const uint8_t* data, ssize_t nleft)
+{
+    if (nleft <= 0) {
+        pctx.tail_size = 0;
+        return 0;
+    }
+    if (g_ctx.abuf == nullptr) {
+        // The largest read fills the whole ring when it is nearly empty, and
+        // the longest tail carried in front of it is one packet short of a
+        // whole one: room for both.
+        const size_t len = ring_bytes(g_cfg) + MAX_TS_LEN;
+        g_ctx.abuf = static_cast<uint8_t*>(W_calloc("analyze_input", 1, len));
+        if (g_ctx.abuf == nullptr)
+            return AN_NOMEM;
+        g_ctx.abuf_len = len;
+        LOG_AT(DEBUG_level, "%s: allocated abuf[%zu]\n", "analyze_input", len);
+    }
+    // In abuf, a tail already at its start stays where it is. From the ring
+    // it is always copied: comparing the addresses of two separate mappings
+    // would leave it behind whenever the allocator put abuf above the ring,
+    // and the next read would be joined to stale bytes.
+    const bool in_abuf = (start == g_ctx.abuf);
+    if (!in_abuf || data > g_ctx.abuf)
+        memmove(g_ctx.abuf, data, (size_t)nleft);
+    pctx.tail_size = (size_t)nleft;
+    return 0;
+}
+
+// Ring and tracker number their packets again from 1 when the index reaches
+// the configured limit.
+void maybe_reset_pkt_idx(process_ctx& pctx)
+{
+    if (g_cfg.pkt_reset_idx == 0 || pctx.pkt_idx < g_cfg.pkt_reset_idx)
+        return;
+    const uint64_t old_idx = pctx.pkt_idx;
+    pctx.pkt_idx = mmr_adjust_pktnum(g_ctx.mmr, 1);
+    LOG_AT(INFO_level, "%s: packet index reset: %lu -> %lu\n", "analyze_input", old_idx, pctx.pkt_idx);
+    tsan_set_pidx(g_ctx.tc, pctx.pkt_idx);
+}
+
+}  // namespace
 
 int analyze_input(uint8_t* buf, size_t buflen)
 {
-    if (pctx.info.ts_len == 0) {
-        (void)mmr_get_info(g_ctx.mmr, &pctx.info);
-        if (pctx.info.ts_len == 0) {
-            // The ring hasn't recognised the stream yet.
-            if (pctx.pkt_count == 0)
-                return 0;
-            LOG_AT(ERR_level, "%s: packet size not set, cannot analyze\n", "analyze_input");
-            return 35;
-        }
-        mmr_set_opt(g_ctx.mmr, &mopt);
-    }
+    analysis_ctx& an = g_ctx.an;
+    process_ctx& pctx = an.pctx;
+    int rc = 0;
+    if (!learn_pkt_size(pctx, &rc))
+        return rc;
 
+    // The bytes carried over from the last read go in front of this one's.
     uint8_t* start = buf;
     if (pctx.tail_size != 0) {
         VRX_ASSERT(buflen + pctx.tail_size <= g_ctx.abuf_len);
         memcpy(g_ctx.abuf + pctx.tail_size, buf, buflen);
         start = g_ctx.abuf;
     }
-
     ssize_t nleft = (ssize_t)(pctx.tail_size + buflen);
     uint8_t* data = start;
     // Nothing behind the bytes of this call is read, though the ring's
     // mapping may go on.
     const uint8_t* const end = start + nleft;
     size_t total_pkts = 0;
-    ssize_t niter = 1;
 
-    while (nleft >= (ssize_t)pctx.info.ts_len) {
+    for (ssize_t niter = 1; nleft >= (ssize_t)pctx.info.ts_len; ++niter) {
+        size_t count = 0;
         ssize_t pkt1_offt = 0;
-        // Every batch starts on a cleared array; entries past those the last
-        // batch used are still clear.
-        memset(iov, 0, iov_used * sizeof(iov[0]));
-        size_t count = ANALYZE_IOV_MAX;
-        int rc = mmr_oget_buf(g_ctx.mmr, data, (size_t)nleft, iov, &count, &pkt1_offt);
-        iov_used = (rc == 0 || rc == -9) ? count : ANALYZE_IOV_MAX;
-        if (rc == -9 && g_cfg.lost_sync_alert && g_cfg.alert_log.path[0] != '\0') {
-            if (tsan_alert_lostsync(g_ctx.tc) != 0)
-                return -9;
-            rc = 0;
-        }
-        if (rc != 0) {
-            LOG_AT(ERR_level, "%s: mmr_oget_buf() ERROR(%d), niter=%zu\n", "analyze_input", rc, (size_t)niter);
-            return -1;
-        }
-        // A skip in the first batch of a call is expected.
-        if (pkt1_offt != 0 && niter >= 2)
-            LOG_AT(WARN_level, "%s: offset=%zd at iter#%zd\n", "analyze_input", pkt1_offt, niter);
-
+        rc = read_out_batch(an, data, nleft, niter, &count, &pkt1_offt);
+        if (rc != 0)
+            return rc;
         size_t total_bytes = 0;
-        for (size_t i = 0; i < count; ++i) {
-            const ssize_t npkts = seg_process(pctx.info, static_cast<const uint8_t*>(iov[i].iov_base),
-                                              iov[i].iov_len, end);
-            if (npkts < 0) {
-                // The batch ends here; the next one starts at this record.
-                LOG_AT(ERR_level, "%s: error processing seg[%zu], len=%zu\n", "analyze_input", i, iov[i].iov_len);
-                if (i == 0 && pkt1_offt == 0) {
-                    // The tracker fails a packet the same way each time it
-                    // sees it (idling, above all): retried at the start of
-                    // every batch, it would hold the capture here for ever.
-                    // It is passed over as walked instead.
-                    if (iov[0].iov_len == 0) {
-                        LOG_AT(ERR_level, "%s: no way past seg[0] at iter#%zd\n", "analyze_input", niter);
-                        return -1;
-                    }
-                    total_pkts += (iov[0].iov_len + pctx.info.ts_len - 1) / pctx.info.ts_len;
-                    total_bytes += iov[0].iov_len;
-                }
-                break;
-            }
-            total_pkts += (size_t)npkts;
-            total_bytes += iov[i].iov_len;
-        }
+        if (walk_batch(an, count, pkt1_offt, niter, end, &total_pkts, &total_bytes) != 0)
+            return -1;
         nleft -= pkt1_offt + (ssize_t)total_bytes;
         data += pkt1_offt + (ssize_t)total_bytes;
-        ++niter;
     }
 
-    if (nleft <= 0) {
-        pctx.tail_size = 0;
-    } else {
-        if (g_ctx.abuf == nullptr) {
-            // The largest read fills the whole ring when it is nearly empty,
-            // and the longest tail carried in front of it is one packet short
-            // of a whole one: room for both.
-            const size_t len = (g_cfg.cache_sz_mb << 20) + MAX_TS_LEN;
-            g_ctx.abuf = static_cast<uint8_t*>(W_calloc("analyze_input", 1, len));
-            if (g_ctx.abuf == nullptr)
-                return -12;
-            g_ctx.abuf_len = len;
-            LOG_AT(DEBUG_level, "%s: allocated abuf[%zu]\n", "analyze_input", len);
-        }
-        // The last nleft bytes begin where the walk stopped. In abuf, a tail
-        // already at its start stays where it is. From the ring it is always
-        // copied: comparing the addresses of two separate mappings would
-        // leave it behind whenever the allocator put abuf above the ring,
-        // and the next read would be joined to stale bytes.
-        const bool in_abuf = (start == g_ctx.abuf);
-        if (!in_abuf || data > g_ctx.abuf)
-            memmove(g_ctx.abuf, data, (size_t)nleft);
-        pctx.tail_size = (size_t)nleft;
-    }
-
-    if (g_cfg.pkt_reset_idx != 0 && pctx.pkt_idx >= g_cfg.pkt_reset_idx) {
-        const uint64_t old_idx = pctx.pkt_idx;
-        pctx.pkt_idx = mmr_adjust_pktnum(g_ctx.mmr, 1);
-        LOG_AT(INFO_level, "%s: packet index reset: %lu -> %lu\n", "analyze_input", old_idx, pctx.pkt_idx);
-        tsan_set_pidx(g_ctx.tc, pctx.pkt_idx);
-    }
-
+    rc = carry_over(pctx, start, data, nleft);
+    if (rc != 0)
+        return rc;
+    maybe_reset_pkt_idx(pctx);
     mmr_add_pkts(g_ctx.mmr, total_pkts);
     pctx.pkt_count += total_pkts;
     pctx.pkt_idx += total_pkts;
@@ -249,6 +283,8 @@ void update_tps(size_t nbytes)
 
 void update_tps_at(size_t nbytes, time_t now)
 {
+    time_t& last_report_tm = g_ctx.an.last_report_tm;
+    double& last_total = g_ctx.an.last_total;
     if (last_report_tm == 0)
         last_report_tm = now;
     VRX_ASSERT(g_cfg.report_tput_sec > 0);

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <sys/types.h>
+#include <sys/uio.h>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -20,8 +22,21 @@ struct process_ctx {
     mm_info info;        // fetched once the ring knows the stream
 };
 
-// Bytes just put into the ring: 0, or a code that ends the capture (35, -1,
-// -9, -12).
+// The pass's records between reads, in the tool's context.
+struct analysis_ctx {
+    process_ctx pctx;
+    iovec iov[ANALYZE_IOV_MAX];  // one batch of the read-out
+    size_t iov_used;             // entries the last batch may have written; all clear beyond
+    time_t last_report_tm;       // of the last throughput report, 0 before the first read
+    double last_total;           // total_bytes at that report
+};
+
+// Codes of analyze_input that end the capture, beside -1.
+constexpr int AN_NOPKTSIZE = EAGAIN;         // the packet size was lost after packets were counted (the target's 35)
+constexpr int AN_LOSTSYNC = MMR_LOSTSYNC;    // -9: sync lost too often
+constexpr int AN_NOMEM = -ENOMEM;            // -12: no memory for the carried-over bytes
+
+// Bytes just put into the ring: 0, or a code that ends the capture.
 int analyze_input(uint8_t* buf, size_t buflen);
 
 // The analyzer was switched off or on in flight (by a reload): the ring's
@@ -31,7 +46,3 @@ void analysis_switched(bool on);
 // After each read when throughput reports are on.
 void update_tps(size_t nbytes);
 void update_tps_at(size_t nbytes, time_t now);  // at a given time, for tests
-
-// The pass's state, for tests that start it afresh.
-process_ctx* analysis_state();
-void analysis_reset_for_test();

@@ -26,8 +26,7 @@ volatile sig_atomic_t g_snapalarm = 0;
 
 bool is_dgram_kind(int kind)
 {
-    // URI_UDP (2) and URI_RTP (3).
-    return (kind & ~1) == 2;
+    return kind == URI_UDP || kind == URI_RTP;
 }
 
 namespace {
@@ -131,7 +130,7 @@ int init_ksti_ctx()
     if (g_ctx.tc == nullptr)
         return rc;
 
-    rc = mmr_create(&g_ctx.mmr, g_cfg.cache_sz_mb * BYTES_IN_MB);
+    rc = mmr_create(&g_ctx.mmr, ring_bytes(g_cfg));
     if (rc != 0)
         return rc;
 
@@ -173,15 +172,120 @@ void app_shutdown()
     LOG_AT(NORM_level, "%s shut down\n", g_app_name);
 }
 
+namespace {
+
+// The capture loop's state between its steps.
+struct capture_turn {
+    mm_point pt;
+    uint8_t* dest;
+    bool pkt_mode;
+    bool interrupted;  // the last read was broken by a signal: read again
+    bool analyzing;    // whether the analyzer ran in the last turn; a reload may switch it
+    size_t max_pld_left;
+    int rc;
+    const char* where;  // the step that ended the loop
+};
+
+// Makes room behind the head and finds where the next read goes: false ends
+// the loop.
+bool make_room(capture_turn& t)
+{
+    const ssize_t capped = mmr_cap(g_ctx.mmr, t.max_pld_left);
+    if (capped < 0) {
+        // The stream has gone bad; the stop itself is not a failing one.
+        LOG_AT(ERR_level, "%s: mmr_cap(.., %zu) ERROR(%zd)\n", "run_app", t.max_pld_left, capped);
+        t.where = "mmr_cap";
+        return false;
+    }
+    if (t.interrupted) {
+        // The interrupted read is repeated into the same area.
+        LOG_AT(DEBUG_level, "%s: re-reading after an interrupt\n", "run_app");
+        t.interrupted = false;
+        return true;
+    }
+    t.dest = mmr_iget(g_ctx.mmr, &t.pt);
+    if (t.dest == nullptr || t.pt.len < MIN_MINREAD_BYTES) {
+        LOG_AT(ERR_level, "%s: not enough space: buf=%p, avail=%zu bytes\n", "run_app", (void*)t.dest, t.pt.len);
+        t.where = "mmr_iget";
+        return false;
+    }
+    return true;
+}
+
+enum class read_outcome { data, skip, stop };
+
+// One read from the source into the ring's write area.
+read_outcome read_source(capture_turn& t, ssize_t* nread)
+{
+    *nread = t.pkt_mode ? recv(g_ctx.ssock, t.dest, t.pt.len, 0)
+                        : W_read_f("run_app", g_ctx.ssock, t.dest, t.pt.len, 0);
+    if (*nread == 0 && t.pkt_mode) {
+        // A datagram of no bytes is no end: a datagram socket has none.
+        // Anyone who can reach the port could otherwise stop the capture.
+        LOG_AT(DEBUG_level, "%s: empty datagram on fd%d, skipped\n", "run_app", g_ctx.ssock);
+        return read_outcome::skip;
+    }
+    if (*nread > 0)
+        return read_outcome::data;
+
+    // The end of a stream takes the road of a failure; errno is taken as
+    // the last call left it.
+    const int err = errno;
+    t.where = "recv/Read_f";
+    if (err == EINTR) {
+        t.rc = 0;
+        if (g_quit)
+            return read_outcome::stop;
+        LOG_AT(DEBUG_level, "%s: moving on after interrupt, sshot=%d/salrm=%d, quit=%d\n", "run_app",
+               (int)g_snapshot, (int)g_snapalarm, (int)g_quit);
+        t.interrupted = true;
+        return read_outcome::skip;
+    }
+    if (t.pkt_mode)
+        LOG_AT(ERR_level, "%s: recv(fd%d,...) rc=%zd ERROR(%d): %s\n", "run_app", g_ctx.ssock, *nread, err,
+               strerror(err));
+    t.rc = (err != 0) ? err : -1;
+    if (err == ETIMEDOUT)
+        LOG_AT(ERR_level, "READ-TIME-OUT on fd%d, quitting the loop\n", g_ctx.ssock);
+    return read_outcome::stop;
+}
+
+// The bytes just read join the ring and pass the analyzer, the reports,
+// the tail count and the reload check: false ends the loop.
+bool take_read(capture_turn& t, size_t nread)
+{
+    t.pt.len = nread;
+    t.rc = mmr_iput(g_ctx.mmr, &t.pt);
+    if (t.rc != 0) {
+        t.where = "mmr_iput";
+        return false;
+    }
+    if (g_cfg.tsa.is_enabled) {
+        t.rc = analyze_input(t.dest, t.pt.len);
+        if (t.rc != 0) {
+            t.where = "process_input";
+            return false;
+        }
+    }
+    if (g_cfg.report_tput_sec != 0)
+        update_tps(nread);
+    count_tail(nread);
+    if (g_cfg.tsa.is_enabled)
+        report_stats();
+    (void)config_reload_check();
+    if (g_cfg.tsa.is_enabled != t.analyzing) {
+        t.analyzing = g_cfg.tsa.is_enabled;
+        analysis_switched(t.analyzing);
+    }
+    t.where = "#unknown#";
+    t.rc = 0;
+    return true;
+}
+
+}  // namespace
+
 int run_app()
 {
-    mm_point pt{};
-    int rc = 0;
-    const char* where = "";
-    bool interrupted = false;
-    uint8_t* dest = nullptr;
-    const bool pkt_mode = (g_ctx.mode.num == SM_PKT.num);
-
     LOG_AT(NORM_level, "Reading (%s) from fd%d [%s]\n", g_ctx.mode.sym, g_ctx.ssock, g_cfg.src_url);
     // Set on every source, also with no time-out: a source that is no socket stops here.
     if (set_rcv_timeout(g_ctx.ssock, g_cfg.read_tmout_ms) != 0) {
@@ -190,97 +294,27 @@ int run_app()
     }
     mmr_set_verbosity(0);
 
-    // Fixed for the run: the ring always keeps this much vacant for the next read.
-    const size_t max_pld_left = g_cfg.cache_sz_mb * BYTES_IN_MB - g_cfg.min_read_bytes;
-    // Whether the analyzer ran in the last turn; a reload may switch it.
-    bool analyzing = g_cfg.tsa.is_enabled;
+    capture_turn t{};
+    t.pkt_mode = (g_ctx.mode.num == SM_PKT.num);
+    t.analyzing = g_cfg.tsa.is_enabled;
+    t.max_pld_left = ring_payload_max(g_cfg);
+    t.where = "";
 
     while (!g_quit) {
         (void)process_signals();
-
-        const ssize_t capped = mmr_cap(g_ctx.mmr, max_pld_left);
-        if (capped < 0) {
-            // The stream has gone bad; the stop itself is not a failing one.
-            LOG_AT(ERR_level, "%s: mmr_cap(.., %zu) ERROR(%zd)\n", "run_app", max_pld_left, capped);
-            where = "mmr_cap";
+        if (!make_room(t))
             break;
-        }
-
-        if (interrupted) {
-            // The interrupted read is repeated into the same area.
-            LOG_AT(DEBUG_level, "%s: re-reading after an interrupt\n", "run_app");
-            interrupted = false;
-        } else {
-            dest = mmr_iget(g_ctx.mmr, &pt);
-            if (dest == nullptr || pt.len < MIN_MINREAD_BYTES) {
-                LOG_AT(ERR_level, "%s: not enough space: buf=%p, avail=%zu bytes\n", "run_app", (void*)dest,
-                       pt.len);
-                where = "mmr_iget";
-                break;
-            }
-        }
-
-        ssize_t nread = pkt_mode ? recv(g_ctx.ssock, dest, pt.len, 0)
-                                 : W_read_f("run_app", g_ctx.ssock, dest, pt.len, 0);
-        if (nread == 0 && pkt_mode) {
-            // A datagram of no bytes is no end: a datagram socket has none.
-            // Anyone who can reach the port could otherwise stop the capture.
-            LOG_AT(DEBUG_level, "%s: empty datagram on fd%d, skipped\n", "run_app", g_ctx.ssock);
+        ssize_t nread = 0;
+        const read_outcome got = read_source(t, &nread);
+        if (got == read_outcome::skip)
             continue;
-        }
-        if (nread <= 0) {
-            // The end of a stream takes the road of a failure; errno is
-            // taken as the last call left it.
-            const int err = errno;
-            where = "recv/Read_f";
-            if (err == EINTR) {
-                rc = 0;
-                if (g_quit)
-                    break;
-                LOG_AT(DEBUG_level, "%s: moving on after interrupt, sshot=%d/salrm=%d, quit=%d\n", "run_app",
-                       (int)g_snapshot, (int)g_snapalarm, (int)g_quit);
-                interrupted = true;
-                continue;
-            }
-            if (pkt_mode)
-                LOG_AT(ERR_level, "%s: recv(fd%d,...) rc=%zd ERROR(%d): %s\n", "run_app", g_ctx.ssock, nread,
-                       err, strerror(err));
-            rc = (err != 0) ? err : -1;
-            if (err == ETIMEDOUT)
-                LOG_AT(ERR_level, "READ-TIME-OUT on fd%d, quitting the loop\n", g_ctx.ssock);
+        if (got == read_outcome::stop || !take_read(t, (size_t)nread))
             break;
-        }
-
-        pt.len = (size_t)nread;
-        rc = mmr_iput(g_ctx.mmr, &pt);
-        if (rc != 0) {
-            where = "mmr_iput";
-            break;
-        }
-        if (g_cfg.tsa.is_enabled) {
-            rc = analyze_input(dest, pt.len);
-            if (rc != 0) {
-                where = "process_input";
-                break;
-            }
-        }
-        if (g_cfg.report_tput_sec != 0)
-            update_tps((size_t)nread);
-        count_tail((size_t)nread);
-        if (g_cfg.tsa.is_enabled)
-            report_stats();
-        (void)config_reload_check();
-        if (g_cfg.tsa.is_enabled != analyzing) {
-            analyzing = g_cfg.tsa.is_enabled;
-            analysis_switched(analyzing);
-        }
-        where = "#unknown#";
-        rc = 0;
     }
 
-    if (rc != 0)
-        LOG_AT(ERR_level, "%s: stopped reading due to error in [%s], rc=%d\n", "run_app", where, rc);
+    if (t.rc != 0)
+        LOG_AT(ERR_level, "%s: stopped reading due to error in [%s], rc=%d\n", "run_app", t.where, t.rc);
     else
         LOG_AT(INFO_level, "%s: done reading from source fd%d, quit=%d\n", "run_app", g_ctx.ssock, (int)g_quit);
-    return rc;
+    return t.rc;
 }

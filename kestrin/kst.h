@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "analysis.h"
 #include "config.h"
 #include "mmr.h"
 #include "tsanalyze.h"
@@ -57,8 +58,9 @@ struct ksti_ctx {
     bool waiting_alarm;
     bool must_count_tail;
     size_t tail_size;
-    uint8_t* abuf;
+    uint8_t* abuf;    // the analysis pass's carry-over: a packet cut by a read
     size_t abuf_len;
+    analysis_ctx an;  // the analysis pass between reads
     time_t config_load_tm;
     time_t config_mtime;
 };
@@ -87,6 +89,17 @@ struct ksti_cfg {
     unsigned int instance_num;
     size_t flight_pages;  // pages of the flight recorder; 0: none
 };
+
+// The ring's size in bytes, and the most it holds before a read: the rest
+// is kept vacant for the next read.
+constexpr size_t ring_bytes(const ksti_cfg& cfg)
+{
+    return cfg.cache_sz_mb * BYTES_IN_MB;
+}
+constexpr size_t ring_payload_max(const ksti_cfg& cfg)
+{
+    return ring_bytes(cfg) - cfg.min_read_bytes;
+}
 
 extern ksti_ctx g_ctx;
 extern ksti_cfg g_cfg;

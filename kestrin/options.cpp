@@ -193,7 +193,7 @@ void validate(const char* argv0)
     if (g_cfg.snap_pfx[0] == '\0')
         strcpy(g_cfg.snap_pfx, "snap");
 
-    const size_t max_reserve = g_cfg.cache_sz_mb * BYTES_IN_MB / 4;
+    const size_t max_reserve = ring_bytes(g_cfg) / 4;
     if (g_cfg.min_read_bytes < MIN_MINREAD_BYTES || g_cfg.min_read_bytes > max_reserve) {
         // The arguments stand in this odd order on purpose: value and bound read exchanged.
         fprintf(stderr, "-R value (%d) should be >= %zu and less than %zu\n", (int)MIN_MINREAD_BYTES,
@@ -208,12 +208,12 @@ int get_tail_params(const char* param)
 {
     char* copy = strdup(param);
     if (copy == nullptr)
-        return -12;
+        return -ENOMEM;
     char* colon = strchr(copy, ':');
     if (colon == nullptr) {
         fprintf(stderr, "Missing colon in -t value: %s\n", param);
         free(copy);
-        return -22;
+        return -EINVAL;
     }
     *colon = '\0';
     long sz_mb = atol(copy);
@@ -224,7 +224,7 @@ int get_tail_params(const char* param)
         sz_mb = (long)MAX_TAIL_MB;
     if (sz_mb > (long)MAX_TAIL_MB) {
         fprintf(stderr, "Cache size out of range: %ld (1..%d)\n", sz_mb, (int)MAX_TAIL_MB);
-        return -34;
+        return -ERANGE;
     }
     if (tm_ms < 0)
         tm_ms = 0;

@@ -126,21 +126,6 @@ void ck_tstamp(tsan_ctx* tc, bool is_pts, const stream_info* ref_si, const strea
     }
 }
 
-namespace {
-
-// One window for the process: it starts with its first case and ends at the
-// first case 3 or more seconds later.
-time_t last_tm = 0;
-size_t count = 0;
-
-}  // namespace
-
-void tsan_lostsync_reset_for_test()
-{
-    last_tm = 0;
-    count = 0;
-}
-
 int tsan_alert_lostsync(tsan_t t)
 {
     return tsan_alert_lostsync_at(t, time(nullptr));
@@ -149,6 +134,8 @@ int tsan_alert_lostsync(tsan_t t)
 int tsan_alert_lostsync_at(tsan_t t, time_t now)
 {
     tsan_ctx* tc = tsan_ctx_of(t);
+    time_t& last_tm = tc->lostsync_tm;
+    size_t& count = tc->lostsync_count;
     if (last_tm == 0) {
         last_tm = now;
     } else if (now - last_tm >= 3 && count <= 9) {

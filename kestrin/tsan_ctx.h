@@ -86,6 +86,11 @@ struct tsan_ctx {
     char ptag[PTAG_MAX];  // its text, once made
     bool ptag_made;
     time_t last_stats_dumped;
+    // The lost-sync window: it starts with its first case (0 before any)
+    // and ends at the first case 3 or more seconds later. It lives as long
+    // as the analyzer, which in this tool is the process.
+    time_t lostsync_tm;
+    size_t lostsync_count;  // cases in the window
     tsan_ctx* next_live;  // the contexts made and not yet freed, linked
 };
 
@@ -108,7 +113,6 @@ void ck_tstamp(tsan_ctx* tc, bool is_pts, const stream_info* ref_si, const strea
 // The same as the calls without _at, at a given time, for tests.
 int tsan_alert_lostsync_at(tsan_t t, time_t now);
 bool tsan_check_dump_stats_at(FILE* fp, tsan_t t, time_t now);
-void tsan_lostsync_reset_for_test();
 
 // 'V', 'A' or 0 for a PMT's stream_type.
 char code2stype(uint8_t scode);

@@ -4,6 +4,7 @@
 #include "tsanalyze.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <string_view>
@@ -169,7 +170,7 @@ void update_pts_dts(tsan_ctx* tc, const uint8_t* pld, const uint8_t* end, stream
     if (!pes_has_PTS(pld, end))
         return;
     char tstr[TIMESTR_MAX];
-    const uint64_t pts = pes_get_PTS(pld);
+    const uint64_t pts = pes_get_pts(pld);
     si->pts_updated = (pts != si->last_pts);
     si->last_pts = pts;
     si->pts_pktnum = tc->pg.last_pkt_idx;
@@ -182,7 +183,7 @@ void update_pts_dts(tsan_ctx* tc, const uint8_t* pld, const uint8_t* end, stream
     }
     if (!pes_has_DTS(pld, end))
         return;
-    const uint64_t dts = pes_get_DTS(pld);
+    const uint64_t dts = pes_get_dts(pld);
     si->dts_updated = (dts != si->last_dts);
     si->last_dts = dts;
     si->dts_pktnum = tc->pg.last_pkt_idx;
@@ -197,7 +198,7 @@ void update_pts_dts(tsan_ctx* tc, const uint8_t* pld, const uint8_t* end, stream
 void take_pcr(tsan_ctx* tc, const uint8_t* pkt)
 {
     program_info& pg = tc->pg;
-    const uint64_t new_pcr = ts_pcr_base(pkt);
+    const uint64_t new_pcr = tsaf_get_pcr(pkt);
     pcr_freq_check(tc, new_pcr);
     pg.last_pcr = new_pcr;
     pg.pcr_pktnum = pg.last_pkt_idx;
@@ -213,7 +214,7 @@ void take_pcr(tsan_ctx* tc, const uint8_t* pkt)
 // The packet's index in the stream table, or -1 for a packet of no stream.
 ssize_t upsert_pkt_info(tsan_ctx* tc, const uint8_t* pkt, const uint8_t* end)
 {
-    const unsigned pid = ts_pkt_pid(pkt);
+    const unsigned pid = ts_get_pid(pkt);
     const tracking_opt& trk = tc->cfg.trk;
     if (pid == PAT_PID) {
         if (trk.pat_pmt_pkt)
@@ -281,7 +282,7 @@ int analyze_pkt(tsan_ctx* tc, const uint8_t* pkt, const uint8_t* end, ssize_t id
         ++st.v_acount;
 
     // The stream that carries the PCR is counted, never checked.
-    if (ts_pkt_pid(pkt) == pg.pcr_pid)
+    if (ts_get_pid(pkt) == pg.pcr_pid)
         return 0;
     if (!si.pts_updated && !si.dts_updated)
         return 0;
@@ -335,19 +336,19 @@ const char* tsan_pcr_ptag(tsan_ctx* tc)
 char code2stype(uint8_t scode)
 {
     switch (scode) {
-    case 1:
-    case 2:
-    case 16:
-    case 27:
-    case 36:
-    case 66:
+    case PMT_STREAMTYPE_VIDEO_MPEG1:
+    case PMT_STREAMTYPE_VIDEO_MPEG2:
+    case PMT_STREAMTYPE_VIDEO_MPEG4:
+    case PMT_STREAMTYPE_VIDEO_AVC:
+    case PMT_STREAMTYPE_VIDEO_HEVC:
+    case PMT_STREAMTYPE_VIDEO_AVS:
         return 'V';
-    case 3:
-    case 4:
-    case 15:
-    case 17:
-    case 129:
-    case 135:
+    case PMT_STREAMTYPE_AUDIO_MPEG1:
+    case PMT_STREAMTYPE_AUDIO_MPEG2:
+    case PMT_STREAMTYPE_AUDIO_ADTS:
+    case PMT_STREAMTYPE_AUDIO_LATM:
+    case PMT_STREAMTYPE_ATSC_A52:
+    case PMT_STREAMTYPE_ATSC_A52E:
         return 'A';
     default:
         return 0;
@@ -388,7 +389,7 @@ tsan_t tsan_init(const char* source, const tsan_config* cfg, int* err)
     auto* tc = static_cast<tsan_ctx*>(W_calloc("tsan_init", 1, sizeof(tsan_ctx)));
     if (tc == nullptr) {
         if (err != nullptr)
-            *err = 12;
+            *err = ENOMEM;
         return nullptr;
     }
     tc->cfg = *cfg;

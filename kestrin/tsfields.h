@@ -1,12 +1,14 @@
-// Field access on transport stream packets, PSI sections and PES headers.
-// The tracker reads one packet in hand, and in places the bytes behind it;
-// every read behind the packet is bounded by `end`, the end of the bytes
-// that the caller really holds: past it the data counts as absent.
+// Field access on transport stream packets, PSI sections and PES headers:
+// biTStream's accessors (ts_get_pid, tsaf_get_pcr, pes_get_pts ...), with a
+// thin layer of our own where a read may go behind the packet in hand.
+// Every such read is bounded by `end`, the end of the bytes that the caller
+// really holds: past it the data counts as absent.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
+#include <bitstream/mpeg/pes.h>
 #include <bitstream/mpeg/ts.h>
 #include <bitstream/mpeg/psi/psi.h>
 #include <bitstream/mpeg/psi/pat.h>
@@ -27,21 +29,10 @@ inline uint8_t* ts_mut(const uint8_t* p)
     return const_cast<uint8_t*>(p);
 }
 
-inline uint16_t ts_pkt_pid(const uint8_t* pkt)
-{
-    return (uint16_t)(((pkt[1] & 0x1f) << 8) | pkt[2]);
-}
-
+// A PCR is there: an adaptation field of at least one byte with its flag.
 inline bool ts_has_pcr(const uint8_t* pkt)
 {
-    return ts_has_adaptation(pkt) && ts_get_adaptation(pkt) != 0 && (pkt[5] & 0x10) != 0;
-}
-
-// The 33-bit PCR base; the 9-bit extension is not read.
-inline uint64_t ts_pcr_base(const uint8_t* pkt)
-{
-    return ((uint64_t)pkt[6] << 25) | ((uint64_t)pkt[7] << 17) | ((uint64_t)pkt[8] << 9) |
-           ((uint64_t)pkt[9] << 1) | ((uint64_t)pkt[10] >> 7);
+    return ts_has_adaptation(pkt) && ts_get_adaptation(pkt) != 0 && tsaf_has_pcr(pkt);
 }
 
 // The payload, or null with no payload bit.
@@ -53,34 +44,18 @@ inline const uint8_t* ts_get_payload(const uint8_t* pkt)
 // A PES packet starts here: 0, 0, 1 and a stream_id of 0xBC or above.
 inline bool is_pes_pkt(const uint8_t* pld, const uint8_t* end)
 {
-    return ts_within(pld, 4, end) && pld[0] == 0 && pld[1] == 0 && pld[2] == 1 && pld[3] >= 0xBC;
+    return ts_within(pld, 4, end) && pes_validate(pld);
 }
 
 // A time stamp whose bytes aren't all there counts as absent.
 inline bool pes_has_PTS(const uint8_t* pld, const uint8_t* end)
 {
-    return ts_within(pld, 14, end) && (pld[7] & 0x80) != 0;
+    return ts_within(pld, 14, end) && pes_has_pts(pld);
 }
 
 inline bool pes_has_DTS(const uint8_t* pld, const uint8_t* end)
 {
-    return ts_within(pld, 19, end) && (pld[7] & 0xc0) == 0xc0;
-}
-
-inline uint64_t pes_stamp_at(const uint8_t* p)
-{
-    return ((uint64_t)(p[0] & 0x0e) << 29) | ((uint64_t)p[1] << 22) | ((uint64_t)(p[2] & 0xfe) << 14) |
-           ((uint64_t)p[3] << 7) | ((uint64_t)p[4] >> 1);
-}
-
-inline uint64_t pes_get_PTS(const uint8_t* pld)
-{
-    return pes_stamp_at(pld + 9);
-}
-
-inline uint64_t pes_get_DTS(const uint8_t* pld)
-{
-    return pes_stamp_at(pld + 14);
+    return ts_within(pld, 19, end) && pes_has_dts(pld);
 }
 
 // The PAT's n-th program entry, null past the section or past end.

@@ -1,6 +1,7 @@
 // The intrusive list: O(1) links and unlinks, no allocation per element.
 #include "dlep.h"
 
+#include <cerrno>
 #include <cstdlib>
 
 #include "vrassert.h"
@@ -90,7 +91,7 @@ dlep_t dlep_create(int* err)
 {
     auto* l = static_cast<dlep_list*>(calloc(1, sizeof(dlep_list)));
     if (l == nullptr && err != nullptr)
-        *err = 12;
+        *err = ENOMEM;
     return l;
 }
 

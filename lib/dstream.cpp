@@ -38,25 +38,25 @@ static ssize_t get_rtp_pktlen(const uint8_t* pkt, size_t nleft, uint32_t flags)
     if (ptype != P_MPGTS) {
         if (trace)
             LOG_AT(ERR_level, "%s: unrecognized RTP payload type: %02x\n", fn, ptype);
-        return -22;
+        return DS_NOTTS;
     }
     const ssize_t header_len = rtp_header_len(pkt, nleft);
     if (header_len != (ssize_t)RTP_HDR_SIZE) {
         if (trace)
             LOG_AT(ERR_level, "%s: RTP header exp/got=%d/%zd bytes\n", fn, (int)RTP_HDR_SIZE,
                    header_len);
-        return -34;
+        return DS_BADRTP;
     }
     const ssize_t footer_len = (ssize_t)rtp_footer_len(pkt, nleft);
     if (footer_len < 0 || footer_len >= (ssize_t)nleft - RTP_MIN_TS_LEN) {
         if (trace)
             LOG_AT(ERR_level, "%s: invalid RTP footer length %ld\n", fn, (long)footer_len);
-        return -34;
+        return DS_BADRTP;
     }
     if (pkt[RTP_HDR_SIZE] != MPEG_TS_SYNC) {
         if (trace)
             LOG_AT(ERR_level, "%s: no TS sync found for TS-RTP\n", fn);
-        return -22;
+        return DS_NOTTS;
     }
 
     // Unsigned on purpose: an nleft below the header counts as above the limit.
@@ -74,6 +74,7 @@ static ssize_t get_rtp_pktlen(const uint8_t* pkt, size_t nleft, uint32_t flags)
     if (flags & DS_DGRAM_BUF) {
         if (trace)
             LOG_AT(DEBUG_level, "%s: RTP size = datagram size: %zu bytes\n", fn, nleft);
+        // The caller's contract: a datagram is shorter than MAX_RTP_OFFSET.
         VRX_ASSERT(nleft <= MAX_RTP_OFFSET);
         return (ssize_t)nleft;
     }
@@ -93,7 +94,7 @@ static ssize_t get_rtp_pktlen(const uint8_t* pkt, size_t nleft, uint32_t flags)
     if (pos >= MAX_RTP_OFFSET) {
         if (trace)
             LOG_AT(ERR_level, "%s: failed to find next RTP datagram\n", fn);
-        return -3;
+        return DS_NONEXT;
     }
     // A short chunk: the length is taken on the grid, possibly past the data
     // seen so far, and kept.

@@ -141,11 +141,11 @@ int open_dst_file(const char* fpath, uint32_t flags)
 int check_can_sendfile(mode_t src_mode, mode_t dst_mode, int dst_socktype, uint32_t* flags)
 {
     if (!S_ISREG(src_mode))
-        return 1;
+        return SF_SRC_NOTREG;
     if (!S_ISSOCK(dst_mode))
-        return 2;
+        return SF_DST_NOTSOCK;
     if (dst_socktype != SOCK_STREAM)
-        return 3;
+        return SF_DST_NOTSTREAM;
     *flags |= FDIO_SENDFILE;
     return 0;
 }

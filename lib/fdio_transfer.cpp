@@ -93,6 +93,7 @@ void into_memory(transfer_spec* tsp, size_t nbytes, step& s)
 
 void through_buffer(transfer_spec* tsp, size_t nbytes, step& s)
 {
+    // The caller's contract: fdio_init made the buffer.
     VRX_ASSERT(g_trf.buf);
     const uint32_t quiet = *tsp->flags & FDIO_VERBOSE;
     if (tsp->offset != nullptr && *tsp->offset >= 0)
@@ -120,6 +121,7 @@ void through_buffer(transfer_spec* tsp, size_t nbytes, step& s)
 
 void by_sendfile(transfer_spec* tsp, size_t nbytes, step& s)
 {
+    // The caller's contract: sendfile moves an offset of its own.
     VRX_ASSERT(tsp->offset);
     s.nwr = nsendfile(tsp->out_fd, tsp->in_fd, tsp->offset, nbytes, k_transfer_bsd_flags, *tsp->flags);
     if (s.nwr < 0) {

@@ -177,20 +177,18 @@ int do_open(log_ctx* log, const char* filecmd)
 
 namespace {
 
-// Appends to the line buffer at *pos; false (and a line on stderr) if it
-// didn't fit.
-bool append(char* out, size_t* pos, const char* what, const char* fmt, ...) VRX_PRINTF(4, 5);
-bool append(char* out, size_t* pos, const char* what, const char* fmt, ...)
+// Appends to the line buffer at *pos: true, or false with the count that
+// did not fit in *n.
+bool append(char* out, size_t* pos, int* n, const char* fmt, ...) VRX_PRINTF(4, 5);
+bool append(char* out, size_t* pos, int* n, const char* fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    int n = line_vformat(out + *pos, k_line_room - *pos, fmt, ap);
+    *n = line_vformat(out + *pos, k_line_room - *pos, fmt, ap);
     va_end(ap);
-    if (n <= 0 || (size_t)n >= k_line_room - *pos) {
-        log_err(what, "logbuf_prepare", n);
+    if (*n <= 0 || (size_t)*n >= k_line_room - *pos)
         return false;
-    }
-    *pos += (size_t)n;
+    *pos += (size_t)*n;
     return true;
 }
 
@@ -423,18 +421,27 @@ int logbuf_prepare(log_ctx* log, int level, const char* fmt, ...)
         out[n + 1] = '\0';
         pos = (size_t)n + 1;
 
-        if (log->pid > 0 && !append(out, &pos, "%s: pid buffer error (n=%d)", "%lu  ", (unsigned long)log->pid))
+        int an = 0;
+        if (log->pid > 0 && !append(out, &pos, &an, "%lu  ", (unsigned long)log->pid)) {
+            log_err("%s: pid buffer error (n=%d)", "logbuf_prepare", an);
             return -1;
+        }
     }
     if (level >= MIN_level + 1) {
         const level_row* row = find_level(level);
-        if (!append(out, &pos, "%s: level buffer error (n=%d)\n", "%s  ", row ? row->tag : "( ? )"))
+        int n = 0;
+        if (!append(out, &pos, &n, "%s  ", row ? row->tag : "( ? )")) {
+            log_err("%s: level buffer error (n=%d)\n", "logbuf_prepare", n);
             return -1;
+        }
     }
     if (log->group.num64 != 0) {
         VRX_ASSERT(0 == log->group.sym8[sizeof(log->group.sym8)-1]);
-        if (!append(out, &pos, "%s: group buffer error (n=%d)", "%s  ", log->group.sym8))
+        int n = 0;
+        if (!append(out, &pos, &n, "%s  ", log->group.sym8)) {
+            log_err("%s: group buffer error (n=%d)", "logbuf_prepare", n);
             return -1;
+        }
     }
 
     va_list ap;

@@ -43,7 +43,7 @@ int map_views(mm_ring* mr, size_t bufsz, size_t page)
     if (p == MAP_FAILED) {
         LOG_AT(ERR_level, "%s: mmap(NULL, %lu, .., fd%d, 0) ERROR(%d): %s\n", "mmr_create",
                (unsigned long)bufsz, mr->sfd, errno, strerror(errno));
-        return EINVAL;
+        return MMR_NOSHM;
     }
     mr->buf = static_cast<uint8_t*>(p);
     mr->mm_len = total_size;
@@ -52,13 +52,13 @@ int map_views(mm_ring* mr, size_t bufsz, size_t page)
     if (mmap(at, bufsz, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, mr->sfd, 0) == MAP_FAILED) {
         LOG_AT(ERR_level, "%s: mmap(%p, %lu, .., fd%d, 0) ERROR(%d): %s\n", "mmr_create", (void*)at,
                (unsigned long)bufsz, mr->sfd, errno, strerror(errno));
-        return EINVAL;
+        return MMR_NOSHM;
     }
     at = mr->buf + 2 * bufsz;
     if (mmap(at, page, PROT_NONE, MAP_SHARED | MAP_FIXED, mr->sfd, (off_t)bufsz) == MAP_FAILED) {
         LOG_AT(ERR_level, "%s: DDZ mmap(%p, %lu, .., fd%d, 0) ERROR(%d): %s\n", "mmr_create", (void*)at,
                (unsigned long)page, mr->sfd, errno, strerror(errno));
-        return EINVAL;
+        return MMR_NOSHM;
     }
     mr->ddz = at;
     mr->ddz_len = page;
@@ -78,7 +78,7 @@ int mmr_create(mmr_t* pring, size_t bufsz)
 {
     mm_ring* mr = static_cast<mm_ring*>(W_calloc("mmr_create", 1, sizeof(mm_ring)));
     if (mr == nullptr)
-        return ENOMEM;
+        return MMR_NOMEM;
 
     const long page = sysconf(_SC_PAGESIZE);
     // Sizing the ring is the caller's job: a wrong size is a bug, not a failure.
@@ -88,12 +88,12 @@ int mmr_create(mmr_t* pring, size_t bufsz)
     ++g_mmr_count;
     int n = snprintf(mr->sname, sizeof(mr->sname), "/mmr.%u.%d", (unsigned)getpid(), g_mmr_count);
     if (n < 1 || n > (int)sizeof(mr->sname) - 1)
-        return EINVAL;
+        return MMR_NOSHM;
 
     mr->sfd = shm_open(mr->sname, O_RDWR | O_CREAT | O_EXCL, 0600);
     if (mr->sfd < 0) {
         LOG_AT(ERR_level, "%s: shm_open(%s) ERROR(%d): %s\n", "mmr_create", mr->sname, errno, strerror(errno));
-        return EINVAL;
+        return MMR_NOSHM;
     }
 
     int rc = map_views(mr, bufsz, (size_t)page);
@@ -150,10 +150,7 @@ uint8_t* mmr_iget(mmr_t ring, mm_point* pt)
     if (mr->pld_size >= mr->buflen)
         return nullptr;
 
-    off_t pos = (mr->pld_pos < 0) ? 0 : mr->pld_pos + (off_t)mr->pld_size;
-    if (pos >= (off_t)mr->buflen)
-        pos -= (off_t)mr->buflen;
-    pt->pos = pos;
+    pt->pos = (mr->pld_pos < 0) ? 0 : mmr_wrap(mr, mr->pld_pos + (off_t)mr->pld_size);
     pt->len = mr->buflen - mr->pld_size;
     LOG_ASSERT(pt->pos >= 0 && pt->pos < (off_t)mr->buflen);
     // The caller may write all pt->len bytes from here: the overlay continues the run.
@@ -177,7 +174,7 @@ int mmr_iput_ex(mmr_t ring, mm_point* pt, bool is_dgram)
     const off_t at = ds_find_dgram(mr->buf, pt->len, &stype.num, &pkt_len, is_dgram ? DS_DGRAM_BUF : 0);
     if (at < 0) {
         LOG_AT(ERR_level, "%s: no header (buflen=%zd); non-TS/RTP stream?\n", "mmr_iput_ex", (ssize_t)pt->len);
-        return -EFAULT;
+        return MMR_NOTTS;
     }
     if (at > 0) {
         LOG_ASSERT((size_t)at < pt->len);
@@ -211,9 +208,7 @@ ssize_t mmr_oput(mmr_t ring, const iovec* iov, size_t count)
         total += iov[i].iov_len;
 
     // A head at exactly buflen stays there: it addresses byte 0 through the overlay.
-    mr->pld_pos += (off_t)total;
-    if (mr->pld_pos > (off_t)mr->buflen)
-        mr->pld_pos -= (off_t)mr->buflen;
+    mr->pld_pos = mmr_wrap(mr, mr->pld_pos + (off_t)total, true);
 
     LOG_ASSERT(mr->pld_size >= total);
     mr->pld_size -= total;

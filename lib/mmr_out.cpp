@@ -30,7 +30,7 @@ int mmr_pack_buf(mm_ring* mr, uint8_t* data, size_t data_size, iovec* iov, size_
     LOG_ASSERT(mr->ts_len != 0);
     if (data_size < mr->ts_len) {
         LOG_AT(WARN_level, "%s: not enough payload data, %zu bytes\n", "mmr_pack_buf", data_size);
-        return EAGAIN;
+        return MMR_AGAIN;
     }
     LOG_ASSERT(*count != 0);
 
@@ -38,7 +38,7 @@ int mmr_pack_buf(mm_ring* mr, uint8_t* data, size_t data_size, iovec* iov, size_
     for (size_t pos = 0; n < *count; pos += mr->ts_len) {
         if (!mmr_sync_found(mr->stype.num, data + pos)) {
             LOG_AT(ERR_level, "%s: LOST-SYNC: %s stream expected\n", "mmr_pack_buf", mr->stype.sym);
-            return -EBADF;
+            return MMR_LOSTSYNC;
         }
         iov[n].iov_base = data + pos;
         iov[n].iov_len = mr->ts_len;
@@ -59,7 +59,7 @@ int mmr_pack_buf(mm_ring* mr, uint8_t* data, size_t data_size, iovec* iov, size_
 ssize_t count_ts_pkts(const uint8_t* data, size_t data_size, size_t ts_len, size_t from = 0)
 {
     for (size_t off = (from + ts_len - 1) / ts_len * ts_len; off < data_size; off += ts_len)
-        if (data[off] != TS_SYNC)
+        if (data[off] != MPEG_TS_SYNC)
             return -1;
     return (ssize_t)(data_size / ts_len);
 }
@@ -72,12 +72,12 @@ int mmr_ts_pack_buf(mm_ring* mr, uint8_t* data, size_t data_size, iovec* iov, si
     LOG_ASSERT(mr->ts_len >= 1 && mr->ts_len <= MAX_TS_LEN - 1);
     const size_t dgram_len = k_msg_payload - k_msg_payload % mr->ts_len;
     if (data_size == 0)
-        return EAGAIN;
+        return MMR_AGAIN;
 
     const size_t from = (synced != nullptr && *synced <= data_size) ? *synced : 0;
     const ssize_t npkts = count_ts_pkts(data, data_size, mr->ts_len, from);
     if (npkts == 0)
-        return EAGAIN;
+        return MMR_AGAIN;
     if (npkts < 0) {
         LOG_AT(ERR_level, "%s: [%s] error counting packets\n", "mmr_ts_pack_buf", mr->sname);
         return -1;
@@ -94,7 +94,7 @@ int mmr_ts_pack_buf(mm_ring* mr, uint8_t* data, size_t data_size, iovec* iov, si
         const size_t len = (nbytes - pos < dgram_len) ? nbytes - pos : dgram_len;
         // Bytes below `from` passed before and can't have changed since:
         // reading them again would cost a cache miss a record on a big ring.
-        LOG_ASSERT(pos < from || data[pos] == TS_SYNC);
+        LOG_ASSERT(pos < from || data[pos] == MPEG_TS_SYNC);
         iov[n].iov_base = data + pos;
         iov[n].iov_len = len;
         pos += len;
@@ -109,6 +109,7 @@ int mmr_ts_pack_buf(mm_ring* mr, uint8_t* data, size_t data_size, iovec* iov, si
 void mmr_rm_pkts(mm_ring* mr, size_t npkts)
 {
     mr->first_pktnum += (int64_t)npkts;
+    // The packet numbers' invariant, named in the report.
     VRX_ASSERT(mr->first_pktnum >= 0 && mr->first_pktnum <= mr->last_pktnum);
 }
 
@@ -116,7 +117,7 @@ void mmr_rm_pkts(mm_ring* mr, size_t npkts)
 
 bool mmr_sync_found(int32_t snum, const uint8_t* pkt)
 {
-    return (snum == STY_RTP.num) ? is_rtp_pkt(pkt) : pkt[0] == TS_SYNC;
+    return (snum == STY_RTP.num) ? is_rtp_pkt(pkt) : pkt[0] == MPEG_TS_SYNC;
 }
 
 int mmr_oget_buf(mmr_t ring, uint8_t* buf, size_t buflen, iovec* iov, size_t* count, ssize_t* offset)
@@ -136,7 +137,7 @@ int mmr_oget_buf(mmr_t ring, uint8_t* buf, size_t buflen, iovec* iov, size_t* co
         // head (pld_pos is -1) and no stream: there are no records to read,
         // and buf + pld_pos would lie in front of the mapping.
         if (mr->pld_pos < 0)
-            return EAGAIN;
+            return MMR_AGAIN;
         data = mr->buf + mr->pld_pos;
         data_size = mr->pld_size;
         // Size less position, as an unsigned number: a head beyond the size
@@ -162,7 +163,7 @@ int mmr_oget_buf(mmr_t ring, uint8_t* buf, size_t buflen, iovec* iov, size_t* co
         }
         if (!found && data_size >= MAX_TS_LEN) {
             LOG_AT(ERR_level, "%s: [%s] not a TS stream, giving up\n", "mmr_oget_buf", mr->sname);
-            return -EFAULT;
+            return MMR_NOTTS;
         }
         if (delta > 0) {
             LOG_AT(WARN_level, "%s: [%s] shifting %ld bytes to %s-sync\n", "mmr_oget_buf", mr->sname, (long)delta,
@@ -171,9 +172,7 @@ int mmr_oget_buf(mmr_t ring, uint8_t* buf, size_t buflen, iovec* iov, size_t* co
             if (!external) {
                 // The skipped bytes are gone: a snapshot no longer holds them.
                 mr->synced_len = 0;
-                mr->pld_pos += (off_t)delta;
-                if (mr->pld_pos >= (off_t)mr->buflen)
-                    mr->pld_pos -= (off_t)mr->buflen;
+                mr->pld_pos = mmr_wrap(mr, mr->pld_pos + (off_t)delta);
                 mr->pld_size -= delta;
             }
             if (offset != nullptr)
@@ -182,7 +181,7 @@ int mmr_oget_buf(mmr_t ring, uint8_t* buf, size_t buflen, iovec* iov, size_t* co
     }
     if (!found) {
         LOG_AT(ERR_level, "%s: failed to sync at delta=%zu, skipping\n", "mmr_oget_buf", delta);
-        return -EBADF;
+        return MMR_LOSTSYNC;
     }
 
     data += delta;

@@ -14,7 +14,7 @@ static constexpr size_t pkt_size[] = {188, 192, 204, 208};
 ssize_t ts_probe(const uint8_t* buf, size_t len, bool full_pkts)
 {
     if (buf[0] != MPEG_TS_SYNC)
-        return -22;
+        return TS_NOSYNC;
 
     size_t size = 0;
     bool in_sync = false;
@@ -44,7 +44,7 @@ ssize_t ts_probe(const uint8_t* buf, size_t len, bool full_pkts)
     LOG_AT(DEBUG_level, "%s: %s pkt_size[%ld]/%s for buf=%p, len=%ld\n", "ts_probe",
            in_sync ? "in-sync" : "NO-SYNC", (long)size, full_pkts ? "F" : "-", (const void*)buf,
            (long)len);
-    return in_sync ? (ssize_t)size : -3;
+    return in_sync ? (ssize_t)size : TS_NOSIZE;
 }
 
 // No caller in this tool. A sync byte at or before offset 206 that fails the

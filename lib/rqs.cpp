@@ -402,6 +402,7 @@ size_t rqs_fd_count(int which)
         return g_rqs.nopoll.len;
     default:
         LOG_AT(ERR_level, "%s: invalid specifier: %d\n", "rqs_fd_count", which);
+        // Logged, not plain: the line above names the selector already.
         LOG_ASSERT(0);
         return 0;
     }
@@ -415,7 +416,7 @@ timespec rqs_now()
 void* rqs_ctx(int type, void* aux)
 {
     (void)aux;
-    if (type == 1)
+    if (type == RQS_CTX_STAGE)
         return &g_rqs.loop_stage;
     LOG_AT(ERR_level, "%s: invalid request type: %d\n", "rqs_ctx", type);
     return nullptr;

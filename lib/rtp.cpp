@@ -79,7 +79,7 @@ ssize_t rtp_header_len(const uint8_t* pkt, size_t len)
         if (len <= XTLEN_OFFSET + 3) {
             LOG_AT(ERR_level, "%s: insufficient length (%lu) for extended header\n",
                    "rtp_header_len", (unsigned long)len);
-            return -12;
+            return RTP_SHORTXT;
         }
         hdr_len += XTSIZE + XTSIZE * rtp_xt_words(pkt);
     }

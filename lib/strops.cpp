@@ -56,7 +56,7 @@ int repl_ulm(char* buf, size_t len, const char* tag, unsigned long ul)
     char* copy = strdup(buf);
     if (copy == nullptr) {
         perror("strdup");
-        return 12;
+        return ENOMEM;
     }
     char* at = strstr(copy, tag);
     *at = '\0';
@@ -67,7 +67,7 @@ int repl_ulm(char* buf, size_t len, const char* tag, unsigned long ul)
     int n = snprintf(buf, len, "%s%s%s", copy, num, rest);
     free(copy);
     if (n < 0 || (size_t)n >= len)
-        return -34;
+        return -ERANGE;
     return 0;
 }
 
@@ -222,5 +222,5 @@ int replace_ul_macro(char* buf, size_t len, const char* tag, unsigned long ul)
             return rc;
     }
     // Every pass found one: there may be more than the limit.
-    return -34;
+    return -ERANGE;
 }

@@ -8,6 +8,12 @@
 #include <cstdlib>
 #include <cstring>
 
+// The one circle among the units: the logger stamps its lines with
+// mk_timestr and rotates at get_endofday_utime, and three calls here
+// (scan_log_time, mk_gmt_date, get_endofday_utime) report their failures in
+// the log. It is kept on purpose: what the logger calls here never logs
+// (mk_timestr writes its few failures to stderr), so no line is ever made
+// while a line is being made.
 #include "log.h"
 #include "sigsafe.h"
 #include "util.h"
@@ -226,7 +232,7 @@ ssize_t mk_timestr(const timespec* tms, uint32_t flags, char* buf, size_t buflen
         return (n >= 0 && (size_t)n < buflen) ? n : -1;
     }
     if (g_tmlock)
-        return -11;
+        return TM_BUSY;
     g_tmlock = 1;
     struct tm tmv;
     const bool ok = (flags & f_GMT_TIME) ? gmtime_r(&tms->tv_sec, &tmv) != nullptr

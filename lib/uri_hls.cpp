@@ -123,7 +123,7 @@ int uri_extract_endpts_ext(const char* s, char* src, size_t slength, char* dst, 
 {
     if (strchr(s, '/') == nullptr) {
         if (!is_alias_char(s[0]))
-            return 3;
+            return URI_EP_NOSLASH;
         strncpy(src, s, slength - 1);
         src[slength - 1] = '\0';
         return 0;
@@ -131,14 +131,14 @@ int uri_extract_endpts_ext(const char* s, char* src, size_t slength, char* dst, 
     const char* seg = nullptr;
     size_t seglen = 0;
     if (uri_xseg(s, SLASHES, &seg, &seglen) == nullptr)
-        return 3;
+        return URI_EP_NOSLASH;
     const char* w;
     size_t wlen;
     word_of(seg, seglen, &w, &wlen);
     const char* rest = seg + seglen;
 
     if (is_alias_char(w[0]))
-        return copy_n(src, slength, w, wlen) ? 0 : 7;
+        return copy_n(src, slength, w, wlen) ? 0 : URI_EP_TOOLONG;
     if (ctx != nullptr && wlen < 15) {
         memcpy(ctx->udpfx, w, wlen);
         ctx->udpfx[wlen] = '\0';
@@ -146,17 +146,17 @@ int uri_extract_endpts_ext(const char* s, char* src, size_t slength, char* dst, 
     if (word_is(w, wlen, "udp") || word_is(w, wlen, "rtp")) {
         char scheme[8];
         if (!copy_n(scheme, sizeof(scheme), w, wlen))
-            return -22;
+            return URI_EP_WORDLONG;
         const char* nseg = nullptr;
         size_t nlen = 0;
         if (uri_xseg(rest, SLASHES, &nseg, &nlen) == nullptr)
-            return 22;
+            return URI_EP_NOADDR;
         const char* addr;
         size_t alen;
         word_of(nseg, nlen, &addr, &alen);
         const int n = snprintf(src, slength, "%s://%.*s", scheme, (int)alen, addr);
         if (n < 0 || (size_t)n >= slength)
-            return 7;
+            return URI_EP_TOOLONG;
         clear(dst, dlength);
         return 0;
     }
@@ -172,13 +172,13 @@ int uri_extract_endpts_ext(const char* s, char* src, size_t slength, char* dst, 
         const char* sep = (rlen != 0 && root[rlen - 1] != '/') ? "/" : "";
         const int n = snprintf(src, slength, "file://%s%s%s", root, sep, rest);
         if (n < 0 || (size_t)n >= slength)
-            return 34;
+            return URI_EP_NOROOM;
         clear(dst, dlength);
         return 0;
     }
     if (word_is(w, wlen, "src"))
         return endpts_src_dst(rest, src, slength, dst, dlength);
-    return -14;
+    return URI_EP_UNKNOWN;
 }
 
 char* uri_decode(char* s, size_t len)

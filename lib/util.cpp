@@ -337,7 +337,7 @@ ssize_t read_file_buf(const char* fpath, void* buf, size_t buflen)
     if ((size_t)st.st_size > buflen) {
         LOG_AT(ERR_level, "%s: file size (%ld bytes) is too big for buffer (%ld bytes)\n",
                "read_file_buf", (long)st.st_size, (long)buflen);
-        return -7;
+        return RFB_TOOBIG;
     }
     const ssize_t n = read(fd, buf, (size_t)st.st_size);
     if (n != (ssize_t)st.st_size) {

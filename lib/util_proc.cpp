@@ -173,9 +173,9 @@ int redirect_output(const char* dst_path)
         return -1;
     int rc = 0;
     if (dup2(fd, 1) < 0)
-        rc = -2;
+        rc = REDIR_STDOUT;
     else if (dup2(fd, 2) < 0)
-        rc = -3;
+        rc = REDIR_STDERR;
     const int err = errno;
     close(fd);
     errno = err;

@@ -42,10 +42,10 @@ ssize_t find_head_end(const char* buf, ssize_t len)
 int send_http_request(int sockfd, http_request* r)
 {
     static constexpr const char* fn = "send_http_request";
-    // Static, not on the stack: the request may be near 2 KiB, and this runs
-    // once per source.
-    static char host[HOST_TEXT_SIZE];
-    static char rq[REQUEST_SIZE];
+    // On the caller's stack: 2 KiB once per source, and nothing of one
+    // request outlives its call.
+    char host[HOST_TEXT_SIZE];
+    char rq[REQUEST_SIZE];
 
     if (r->type != RQTYPE_GET) {
         LOG_AT(ERR_level, "%s: only GET requests are currently supported.\n", fn);

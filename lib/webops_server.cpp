@@ -325,14 +325,14 @@ int web_parse_urq(char* http, size_t hlen, char* uri_src, char* uri_dst, size_t 
         *user_hdr = hdr;
     if (hdr.uri.path == nullptr) {
         LOG_AT(WARN_level, "%s: no path in URL [%s]\n", "web_parse_urq", http);
-        return -3;
+        return WEB_NOPATH;
     }
     char* query = nullptr;
     if (hdr.uri.query != nullptr) {
         if (hdr.uri.q_len >= k_query_max) {
             LOG_AT(ERR_level, "%s: URI query length (%lu bytes) is beyond the limit: %lu\n", "web_parse_urq",
                    (unsigned long)hdr.uri.q_len, (unsigned long)k_query_max);
-            return -7;
+            return WEB_QUERYBIG;
         }
         query = static_cast<char*>(W_calloc("web_parse_urq", hdr.uri.q_len + 1, 1));
         if (query == nullptr)
@@ -366,7 +366,7 @@ int web_parse_urq(char* http, size_t hlen, char* uri_src, char* uri_dst, size_t 
             LOG_AT(ERR_level, "%s: URI query is too long (%lu bytes), max allowed=%ld bytes, discarding request\n",
                    "web_parse_urq", (unsigned long)qlen, (long)(ulen - used) - 2);
             free(query);
-            return 7;
+            return WEB_URIBIG;
         }
         uri_src[used] = '?';
         memcpy(uri_src + used + 1, query, qlen + 1);
@@ -385,7 +385,7 @@ int web_parse_url(const char* url, char* uri_src, char* uri_dst, size_t ulen)
         return rc;
     if (lay.p_len == 0 || lay.p_len >= URI_PATH_MAX) {
         LOG_AT(ERR_level, "%s: invalid path size: %zu\n", "web_parse_url", lay.p_len);
-        return ERANGE;
+        return WEB_BADPATH;
     }
     char path[URI_PATH_MAX];
     memcpy(path, lay.path, lay.p_len);

@@ -65,8 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     g_cfg.tsa.max_skip_pkts = 1u << 30;
     strcpy(g_cfg.tsa.source, "fuzz");
     const size_t unit = 1 + data[1] % 64;
-    analysis_reset_for_test();
-    tsan_lostsync_reset_for_test();
+    g_ctx.an = analysis_ctx{};
     if (mmr_create(&g_ctx.mmr, kRing) != 0)
         return 0;
     int err = 0;

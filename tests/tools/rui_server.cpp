@@ -148,7 +148,7 @@ void flow_control(rui_socket_ctx* srv)
 
 int post_process()
 {
-    if (rqs_ctx(1, nullptr) != nullptr && *static_cast<int*>(rqs_ctx(1, nullptr)) == ELOOP_ENDPP) {
+    if (rqs_ctx(RQS_CTX_STAGE, nullptr) != nullptr && *static_cast<int*>(rqs_ctx(RQS_CTX_STAGE, nullptr)) == ELOOP_ENDPP) {
         rui_pprm_all(&g_rctx);
         flow_control(g_rctx.user);
     }

@@ -16,7 +16,11 @@
 #include "dstream.h"
 #include "kst.h"
 #include "logcap.h"
+// The ring's private record: these tests check its invariants (head, size,
+// both views) field by field, which no public call shows.
 #include "mmr_ring.h"
+// The analyzer's private record: these tests read its counters and tables
+// directly, as the reports would after many packets.
 #include "tsan_ctx.h"
 #include "tsbuild.h"
 #include "tspkt.h"
@@ -103,8 +107,6 @@ protected:
     {
         glog_init("test");
         mmr_set_verbosity(0);
-        analysis_reset_for_test();
-        tsan_lostsync_reset_for_test();
         g_ctx = ksti_ctx{};
         g_cfg = ksti_cfg{};
         g_cfg.cache_sz_mb = 1;
@@ -223,7 +225,7 @@ TEST_F(Analysis, BeforeThePacketSizeIsKnownReadsPassSilently)
         EXPECT_EQ(analyze_input(bytes.data(), bytes.size()), 0);
         EXPECT_EQ(cap.text(), "");
     }
-    const process_ctx* pc = analysis_state();
+    const process_ctx* pc = &g_ctx.an.pctx;
     EXPECT_EQ(pc->pkt_count, 0u);
     EXPECT_EQ(pc->pkt_idx, 0u);
     EXPECT_EQ(pc->tail_size, 0u);
@@ -247,20 +249,20 @@ TEST_F(Analysis, PacketSizeLostAfterPacketsGives35)
 {
     start();
     ASSERT_EQ(feed(ts_join(nulls(3))), 0);
-    ASSERT_EQ(analysis_state()->pkt_count, 3u);
+    ASSERT_EQ(g_ctx.an.pctx.pkt_count, 3u);
 
     // A fresh ring that has not seen a stream, and the pass's description of
     // it fetched anew.
     mmr_destroy(g_ctx.mmr);
     g_ctx.mmr = nullptr;
     ASSERT_EQ(mmr_create(&g_ctx.mmr, BYTES_IN_MB), 0);
-    analysis_state()->info = mm_info{};
+    g_ctx.an.pctx.info = mm_info{};
 
     std::vector<uint8_t> bytes = ts_join(nulls(2));
     LogCapture cap;
-    EXPECT_EQ(analyze_input(bytes.data(), bytes.size()), 35);
+    EXPECT_EQ(analyze_input(bytes.data(), bytes.size()), AN_NOPKTSIZE);
     EXPECT_EQ(cap.text(), "(ERR)  analyze_input: packet size not set, cannot analyze\n");
-    EXPECT_EQ(analysis_state()->pkt_count, 3u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 3u);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 3u);
 }
 
@@ -276,11 +278,11 @@ TEST_F(Analysis, ReadShorterThanAPacketAllocatesAbufForIt)
     EXPECT_EQ(feed(head), 0);
     // No read-out: it would have said "not enough payload data".
     EXPECT_EQ(cap.text(), "(DBG)  analyze_input: allocated abuf[" + std::to_string(abuf_size()) + "]\n");
-    EXPECT_EQ(analysis_state()->tail_size, 100u);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, 100u);
     ASSERT_NE(g_ctx.abuf, nullptr);
     EXPECT_EQ(g_ctx.abuf_len, abuf_size());
     EXPECT_EQ(abuf_size(), kAbufLen);
-    EXPECT_EQ(analysis_state()->pkt_count, 2u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 2u);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 2u);
     EXPECT_EQ(info().last_pktnum, 2u);
 }
@@ -294,14 +296,14 @@ TEST_F(Analysis, AReadOfTheWholeRingBehindACarriedTailFitsTheCarryOverBuffer)
     };
     ASSERT_EQ(feed(part(0, 188)), 0);
     ASSERT_EQ(feed(part(188, 200)), 0);  // one packet and 12 bytes of the next
-    ASSERT_EQ(analysis_state()->tail_size, 12u);
+    ASSERT_EQ(g_ctx.an.pctx.tail_size, 12u);
     // The ring empties (the cap would, on a ring this small), and the next
     // read fills all of it.
     const iovec all{nullptr, info().pld_size};
     ASSERT_EQ(mmr_oput(g_ctx.mmr, &all, 1), 0);
     ASSERT_EQ(feed(part(388, BYTES_IN_MB)), 0);
-    EXPECT_EQ(analysis_state()->tail_size, (388 + BYTES_IN_MB) % 188);
-    EXPECT_EQ(analysis_state()->pkt_count, (388 + BYTES_IN_MB) / 188);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, (388 + BYTES_IN_MB) % 188);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, (388 + BYTES_IN_MB) / 188);
     EXPECT_EQ(g_ctx.abuf_len, BYTES_IN_MB + MAX_TS_LEN);
 }
 
@@ -336,7 +338,7 @@ TEST_F(Analysis, SwitchingTheAnalyzerOffAndOnKeepsThePacketNumbersInOrder)
         EXPECT_EQ(info().first_pktnum, before.first_pktnum);
         analysis_switched(true);
         EXPECT_TRUE(mmr_numbers_pkts(g_ctx.mmr));
-        EXPECT_EQ(analysis_state()->tail_size, 0u);
+        EXPECT_EQ(g_ctx.an.pctx.tail_size, 0u);
         const mm_info now = info();
         EXPECT_EQ(now.first_pktnum, mmr_bytes_out(g_ctx.mmr) / 188);
         EXPECT_EQ(now.last_pktnum - now.first_pktnum, (now.pld_size + 187) / 188);
@@ -355,10 +357,10 @@ TEST_F(Analysis, ReadShorterThanAPacketGoesToAbuf)
     LogCapture cap;
     EXPECT_EQ(feed(head), 0);
     EXPECT_EQ(cap.text(), "");
-    EXPECT_EQ(analysis_state()->tail_size, 100u);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, 100u);
     EXPECT_EQ(g_ctx.abuf, g_low_abuf);
     EXPECT_EQ(memcmp(g_ctx.abuf, head.data(), head.size()), 0);
-    EXPECT_EQ(analysis_state()->pkt_count, 2u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 2u);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 2u);
 }
 
@@ -376,7 +378,7 @@ TEST_F(Analysis, TailFromTheRingReachesAbufLyingAboveTheRing)
     std::vector<uint8_t> first = ts_join(nulls(2));
     first.insert(first.end(), pat.begin(), pat.begin() + 15);
     ASSERT_EQ(feed(first), 0);
-    EXPECT_EQ(analysis_state()->tail_size, 15u);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, 15u);
     ASSERT_EQ(memcmp(g_ctx.abuf, pat.data(), 15), 0);
     ASSERT_EQ(feed(std::vector<uint8_t>(pat.begin() + 15, pat.end())), 0);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 3u);
@@ -398,14 +400,14 @@ TEST_F(Analysis, ReadEndingMidPacketIsJoinedWithTheRest)
     ASSERT_NE(dest, nullptr);
     LogCapture cap(INFO_level);
     EXPECT_EQ(analyze_input(dest, first.size()), 0);
-    EXPECT_EQ(analysis_state()->tail_size, cut);
-    EXPECT_EQ(analysis_state()->pkt_count, 2u);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, cut);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 2u);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 2u);
     EXPECT_EQ(cap.text(), "");
 
     EXPECT_EQ(feed(rest), 0);
-    EXPECT_EQ(analysis_state()->tail_size, 0u);
-    EXPECT_EQ(analysis_state()->pkt_count, 3u);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, 0u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 3u);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 3u);
     EXPECT_EQ(info().last_pktnum, 3u);
     // Seen once, whole, from abuf.
@@ -425,13 +427,13 @@ TEST_F(Analysis, ShortReadsGrowTheTailInPlace)
     const std::vector<uint8_t> two = ts_join({pat_pkt(), null_pkt()});
     ASSERT_EQ(feed(std::vector<uint8_t>(two.begin(), two.begin() + 50)), 0);
     ASSERT_EQ(feed(std::vector<uint8_t>(two.begin() + 50, two.begin() + 110)), 0);
-    EXPECT_EQ(analysis_state()->tail_size, 110u);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, 110u);
     EXPECT_EQ(memcmp(g_ctx.abuf, two.data(), 110), 0);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 1u);
 
     ASSERT_EQ(feed(std::vector<uint8_t>(two.begin() + 110, two.end())), 0);
-    EXPECT_EQ(analysis_state()->tail_size, 0u);
-    EXPECT_EQ(analysis_state()->pkt_count, 3u);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, 0u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 3u);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 3u);
     EXPECT_EQ(tracker()->pg.pmt_pid[0], kPmtPid);
 }
@@ -445,11 +447,11 @@ TEST_F(Analysis, WholePacketsLeaveNoTailAndNoAbuf)
     LogCapture cap;
     EXPECT_EQ(analyze_input(dest, first.size()), 0);
     EXPECT_EQ(feed(ts_join(nulls(7))), 0);
-    EXPECT_EQ(analysis_state()->tail_size, 0u);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, 0u);
     EXPECT_EQ(g_ctx.abuf, nullptr);
     EXPECT_EQ(g_ctx.abuf_len, 0u);
-    EXPECT_EQ(analysis_state()->pkt_count, 17u);
-    EXPECT_EQ(analysis_state()->pkt_idx, 17u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 17u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_idx, 17u);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 17u);
     EXPECT_EQ(info().first_pktnum, 0u);
     EXPECT_EQ(info().last_pktnum, 17u);
@@ -470,8 +472,8 @@ TEST_F(Analysis, FirstReadStartingMidPacketSkipsWithoutWarning)
               "(WRN)  mmr_oget_buf: [" + sname() + "] shifting 100 bytes to TS-sync\n"
               "(INF)  [src] will use PAT (pid0) at pkt[2]\n"
               "(INF)  [src] pmt[0] pid=256 at pkt[2]\n");
-    EXPECT_EQ(analysis_state()->pkt_count, 4u);
-    EXPECT_EQ(analysis_state()->tail_size, 0u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 4u);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, 0u);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 4u);
     EXPECT_EQ(g_ctx.abuf, nullptr);
 }
@@ -482,12 +484,12 @@ TEST_F(Analysis, AbufThatCannotBeAllocatedGivesMinus12)
     start();
     ASSERT_EQ(feed(ts_join(nulls(1))), 0);
     LogCapture cap;
-    EXPECT_EQ(feed(junk(10)), -12);
+    EXPECT_EQ(feed(junk(10)), AN_NOMEM);
     EXPECT_EQ(g_ctx.abuf, nullptr);
     EXPECT_EQ(g_ctx.abuf_len, 0u);
     EXPECT_EQ(cap.text(), "(ERR)  analyze_input: calloc(1, " + std::to_string((long)abuf_size()) +
                               ") ERROR(12): " + strerror(ENOMEM) + "\n");
-    EXPECT_EQ(analysis_state()->pkt_count, 1u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 1u);
 }
 
 // ---- RTP
@@ -521,7 +523,7 @@ TEST_F(Analysis, RtpPacketOfSevenTsPacketsIsWalkedOnceAtByte12)
               "(INF)  [src] PMT lists PCR pid=257 at pkt[2]\n"
               "(INF)  [src] ADD (pid=257, type=2) [13818-2 video (MPEG-2)]\n"
               "(INF)  Added 1 streams from PMT (pid256) at pkt[2]\n");
-    EXPECT_EQ(analysis_state()->pkt_count, 2u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 2u);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 2u);
     EXPECT_EQ(info().last_pktnum, 2u);
 
@@ -529,9 +531,9 @@ TEST_F(Analysis, RtpPacketOfSevenTsPacketsIsWalkedOnceAtByte12)
     cap.clear();
     EXPECT_EQ(feed(rtp_pkt(3, std::vector<TsPkt>(7, ts_bare(kSdtPid, false)))), 0);
     EXPECT_EQ(cap.text(), "(INF)  [src] disregarding SDT at pkt[3]\n");
-    EXPECT_EQ(analysis_state()->pkt_count, 3u);
-    EXPECT_EQ(analysis_state()->pkt_idx, 3u);
-    EXPECT_EQ(analysis_state()->tail_size, 0u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 3u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_idx, 3u);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, 0u);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 3u);
     EXPECT_EQ(tracker()->stat.pcount, 3u);
     EXPECT_EQ(info().last_pktnum, 3u);
@@ -553,7 +555,7 @@ TEST_F(Analysis, RtpPaddingOf255InA388BytePacketIsABadFooter)
               "(ERR)  seg_process: bad RTP footer length = 255\n"
               "(ERR)  analyze_input: error processing seg[0], len=388\n");
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 1u);
-    EXPECT_EQ(analysis_state()->pkt_count, 2u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 2u);
     EXPECT_EQ(info().last_pktnum, 2u);
 
     // The footer must lie below the length less 200: 188 fails, 187 passes.
@@ -566,7 +568,7 @@ TEST_F(Analysis, RtpPaddingOf255InA388BytePacketIsABadFooter)
     EXPECT_EQ(feed(rtp_pkt(4, {null_pkt(), null_pkt()}, 187)), 0);
     EXPECT_EQ(cap.text(), "");
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 2u);
-    EXPECT_EQ(analysis_state()->pkt_count, 4u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 4u);
     EXPECT_EQ(info().last_pktnum, 4u);
 }
 
@@ -596,9 +598,9 @@ TEST_F(Analysis, RtpLostSyncRecoversAtTheEmptyRecord)
             "(WRN)  analyze_input: offset=5 at iter#2\n";
     EXPECT_EQ(cap.text(), want);
     EXPECT_EQ(alerts.text(), "ALERT LOST-SYNC src 1 [pkt[2]]\n");
-    EXPECT_EQ(analysis_state()->pkt_count, 4u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 4u);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 4u);
-    EXPECT_EQ(analysis_state()->tail_size, 0u);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, 0u);
 }
 
 // ---- Failures of the tracker and of the read-out
@@ -631,8 +633,8 @@ TEST_F(Analysis, ZeroMaxSkipPktsIdlesAtEveryUnanalysedPacketYetFindsPatAndPmt)
               "(ERR)  [src] has been idling for too long (3/0 packets)\n"
               "(ERR)  analyze_input: error processing seg[0], len=188\n"
               "(INF)  analyze_pkt: 3 skipped before analysis\n");
-    EXPECT_EQ(analysis_state()->pkt_count, 5u);
-    EXPECT_EQ(analysis_state()->tail_size, 0u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 5u);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, 0u);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 5u);
     EXPECT_EQ(info().last_pktnum, 5u);
     EXPECT_EQ(tracker()->stat.acount, 1u);
@@ -665,11 +667,11 @@ TEST_F(Analysis, TrackerFailureInsideABatchRetriesThatRecordFirst)
               "(ERR)  analyze_pkt: [src] pid=258 no payload at pkt[5]\n"
               "(ERR)  analyze_input: error processing seg[0], len=188\n");
     // Five packets walked; the tracker saw the failing one twice.
-    EXPECT_EQ(analysis_state()->pkt_count, 5u);
-    EXPECT_EQ(analysis_state()->pkt_idx, 5u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 5u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_idx, 5u);
     EXPECT_EQ(info().last_pktnum, 5u);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 6u);
-    EXPECT_EQ(analysis_state()->tail_size, 0u);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, 0u);
 }
 
 TEST_F(Analysis, DataThatIsNoTransportStreamEndsWithMinus1)
@@ -681,8 +683,8 @@ TEST_F(Analysis, DataThatIsNoTransportStreamEndsWithMinus1)
     EXPECT_EQ(cap.text(),
               "(ERR)  mmr_oget_buf: [" + sname() + "] not a TS stream, giving up\n"
               "(ERR)  analyze_input: mmr_oget_buf() ERROR(-14), niter=1\n");
-    EXPECT_EQ(analysis_state()->pkt_count, 2u);
-    EXPECT_EQ(analysis_state()->tail_size, 0u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 2u);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, 0u);
     EXPECT_EQ(info().last_pktnum, 2u);
 }
 
@@ -698,10 +700,10 @@ TEST_F(Analysis, PacketIndexResetAt1000)
         a.push_back(null_pkt());
     LogCapture cap(INFO_level);
     ASSERT_EQ(feed(ts_join(a)), 0);
-    EXPECT_EQ(analysis_state()->pkt_idx, 999u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_idx, 999u);
     // Starts at 999: no reset. The PCR is packet 1000.
     ASSERT_EQ(feed(ts_join({ts_pcr(kVideoPid, 900000)})), 0);
-    EXPECT_EQ(analysis_state()->pkt_idx, 1000u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_idx, 1000u);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 1000u);
     EXPECT_EQ(tracker()->pg.pcr_pktnum, 1000u);
     EXPECT_EQ(cap.text().find("reset"), std::string::npos);
@@ -720,8 +722,8 @@ TEST_F(Analysis, PacketIndexResetAt1000)
               "(INF)  analyze_input: packet index reset: 1000 -> 100\n"
               "(WRN)  [src] packet index changed from 1002 to 100\n");
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 100u);
-    EXPECT_EQ(analysis_state()->pkt_idx, 102u);
-    EXPECT_EQ(analysis_state()->pkt_count, 1002u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_idx, 102u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 1002u);
     EXPECT_EQ(info().first_pktnum, 1u);
     EXPECT_EQ(info().last_pktnum, 102u);
     EXPECT_EQ(tracker()->pg.pcr_pktnum, 1000u);
@@ -733,7 +735,7 @@ TEST_F(Analysis, PacketIndexResetAt1000)
     cap.clear();
     ASSERT_EQ(feed(ts_join({ts_pcr(kVideoPid, 990000), ts_bare(kSdtPid, false)})), 0);
     EXPECT_EQ(cap.text(), "(INF)  [src] disregarding SDT at pkt[103]:(pcr=990000)+1\n");
-    EXPECT_EQ(analysis_state()->pkt_idx, 105u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_idx, 105u);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 103u);
     EXPECT_EQ(info().last_pktnum, 105u);
 }
@@ -763,8 +765,8 @@ protected:
         EXPECT_EQ(tracker()->stat.alert.lost_sync, 0u);
         // Nothing of the read was walked or counted.
         EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 2u);
-        EXPECT_EQ(analysis_state()->pkt_count, 2u);
-        EXPECT_EQ(analysis_state()->tail_size, 0u);
+        EXPECT_EQ(g_ctx.an.pctx.pkt_count, 2u);
+        EXPECT_EQ(g_ctx.an.pctx.tail_size, 0u);
         EXPECT_EQ(info().last_pktnum, 2u);
     }
 };
@@ -812,8 +814,8 @@ TEST_F(LostSync, RecoversThroughTheEmptyRecord)
     EXPECT_EQ(alerts.text(), "ALERT LOST-SYNC src 1 [pkt[2]]\n");
     EXPECT_EQ(tracker()->stat.alert.lost_sync, 1u);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 6u);
-    EXPECT_EQ(analysis_state()->pkt_count, 6u);
-    EXPECT_EQ(analysis_state()->tail_size, 0u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 6u);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, 0u);
     EXPECT_EQ(info().last_pktnum, 6u);
     EXPECT_EQ(g_ctx.abuf, nullptr);
 }
@@ -831,7 +833,7 @@ TEST_F(LostSync, TenthCaseWithin3SecondsBailsOutWithMinus9)
     LogCapture cap;
     LogCapture alerts(DEBUG_level, &g_access_log);
     wait_fresh_second();
-    EXPECT_EQ(analyze_input(dest, bytes.size()), -9);
+    EXPECT_EQ(analyze_input(dest, bytes.size()), AN_LOSTSYNC);
 
     const std::string shift = "(WRN)  mmr_oget_buf: [" + sname() + "] shifting 5 bytes to TS-sync\n";
     const std::string lost = "(ERR)  mmr_pack_buf: LOST-SYNC: TS stream expected\n";
@@ -853,8 +855,8 @@ TEST_F(LostSync, TenthCaseWithin3SecondsBailsOutWithMinus9)
     EXPECT_EQ(tracker()->stat.alert.lost_sync, 10u);
     // Nine packets were walked before the bail-out, none counted.
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 11u);
-    EXPECT_EQ(analysis_state()->pkt_count, 2u);
-    EXPECT_EQ(analysis_state()->tail_size, 0u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 2u);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, 0u);
     EXPECT_EQ(info().last_pktnum, 2u);
 }
 
@@ -876,7 +878,7 @@ TEST_F(LostSync, CaseAfterAQuietWindowStartsAgainAtSeq1)
     EXPECT_NE(cap.text().find("(WRN)  ALERT LOST-SYNC [src] seq=1 at pkt[2]\n"), std::string::npos) << cap.text();
     EXPECT_EQ(alerts.text(), "ALERT LOST-SYNC src 1 [pkt[2]]\n");
     EXPECT_EQ(tracker()->stat.alert.lost_sync, 10u);
-    EXPECT_EQ(analysis_state()->pkt_count, 6u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 6u);
 }
 
 // ---- The end of the ring's mapping
@@ -891,8 +893,8 @@ protected:
         start(65536);
         // The first read: the end of a packet, then ten whole ones.
         ASSERT_EQ(feed(cat(junk(112), ts_join(nulls(10)))), 0);
-        ASSERT_EQ(analysis_state()->pkt_count, 10u);
-        ASSERT_EQ(analysis_state()->tail_size, 0u);
+        ASSERT_EQ(g_ctx.an.pctx.pkt_count, 10u);
+        ASSERT_EQ(g_ctx.an.pctx.tail_size, 0u);
 
         const std::vector<uint8_t> bytes = ts_join(last_read);
         ASSERT_EQ(bytes.size(), 65536u - 112 - 10 * kTsLen);
@@ -926,8 +928,8 @@ TEST_F(EndOfMapping, PmtWithoutPayloadAsTheLastPacket)
     EXPECT_EQ(tracker()->pg.pmt_pid[0], kPmtPid);
     EXPECT_EQ(tracker()->pg.nstreams, 0u);
     EXPECT_EQ(tracker()->pg.pcr_pid, 0u);
-    EXPECT_EQ(analysis_state()->pkt_count, 348u);
-    EXPECT_EQ(analysis_state()->tail_size, 0u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 348u);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, 0u);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 348u);
     EXPECT_EQ(info().last_pktnum, 348u);
     EXPECT_EQ(g_ctx.abuf, nullptr);
@@ -941,8 +943,8 @@ TEST_F(EndOfMapping, PatWithoutPayloadAsTheLastPacket)
     EXPECT_EQ(rc_, 0);
     EXPECT_EQ(log_, "");
     EXPECT_EQ(tracker()->pg.pmt_pid[0], 0u);
-    EXPECT_EQ(analysis_state()->pkt_count, 348u);
-    EXPECT_EQ(analysis_state()->tail_size, 0u);
+    EXPECT_EQ(g_ctx.an.pctx.pkt_count, 348u);
+    EXPECT_EQ(g_ctx.an.pctx.tail_size, 0u);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 348u);
     EXPECT_EQ(info().last_pktnum, 348u);
 }

@@ -230,7 +230,7 @@ TEST_F(DsFindDgram, FailingCodeIsStoredAsTheLength)
     auto c = make_chunk(v);
     Found f = find(c);
     expect_found(f, -1, STY_RAW.num, (size_t)-3);
-    EXPECT_EQ(cap.text(), probe_line("NO-SYNC", 208, c.data(), 400) + result_line("RAW", -1, -3));
+    EXPECT_EQ(cap.text(), probe_line("NO-SYNC", 208, c.data(), 400) + result_line("RAW", -1, DS_NONEXT));
     cap.clear();
 
     // A first chunk shorter than a packet: -1, the probe itself is silent.
@@ -562,7 +562,7 @@ TEST_F(RealStream, FiveBytesOfJunkInFront)
 {
     LogCapture cap(NORM_level);
     auto v = cat({0x00, 0x01, 0x02, 0x03, 0x04}, data_);
-    EXPECT_EQ(ts_probe(v.data(), v.size(), false), -22);
+    EXPECT_EQ(ts_probe(v.data(), v.size(), false), TS_NOSYNC);
     EXPECT_EQ(ts_probe(v.data() + 5, v.size() - 5, false), 188);
     auto c = make_chunk(v);
     const Found f = find(c);

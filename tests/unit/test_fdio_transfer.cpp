@@ -239,9 +239,9 @@ TEST_F(Transfer, ByStreamSocketTheFileGoesBySendfile)
     ASSERT_EQ(stat(path.c_str(), &src), 0);
     ASSERT_EQ(fstat(sp[0], &dst), 0);
     uint32_t flags = 0;
-    EXPECT_EQ(check_can_sendfile(dst.st_mode, dst.st_mode, SOCK_STREAM, &flags), 1);
-    EXPECT_EQ(check_can_sendfile(src.st_mode, src.st_mode, SOCK_STREAM, &flags), 2);
-    EXPECT_EQ(check_can_sendfile(src.st_mode, dst.st_mode, SOCK_DGRAM, &flags), 3);
+    EXPECT_EQ(check_can_sendfile(dst.st_mode, dst.st_mode, SOCK_STREAM, &flags), SF_SRC_NOTREG);
+    EXPECT_EQ(check_can_sendfile(src.st_mode, src.st_mode, SOCK_STREAM, &flags), SF_DST_NOTSOCK);
+    EXPECT_EQ(check_can_sendfile(src.st_mode, dst.st_mode, SOCK_DGRAM, &flags), SF_DST_NOTSTREAM);
     EXPECT_EQ(flags, 0u);
     EXPECT_EQ(check_can_sendfile(src.st_mode, dst.st_mode, SOCK_STREAM, &flags), 0);
     EXPECT_EQ(flags, FDIO_SENDFILE);

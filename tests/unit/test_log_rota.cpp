@@ -19,6 +19,7 @@
 #include "config.h"
 #include "errcap.h"
 #include "log.h"
+// The logger's seam: rotation at a given time and its clock.
 #include "log_internal.h"
 #include "logcap.h"
 #include "testfs.h"

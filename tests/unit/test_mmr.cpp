@@ -18,6 +18,8 @@
 #include "childrun.h"
 #include "logcap.h"
 #include "mmr.h"
+// The ring's private record: these tests check its invariants (head, size,
+// both views) field by field, which no public call shows.
 #include "mmr_ring.h"
 #include "dstream.h"
 
@@ -415,7 +417,7 @@ std::vector<uint8_t> ts_stream(size_t npkts)
 {
     std::vector<uint8_t> v(npkts * 188, 0x55);
     for (size_t i = 0; i < npkts; ++i)
-        v[i * 188] = TS_SYNC;
+        v[i * 188] = MPEG_TS_SYNC;
     return v;
 }
 
@@ -479,9 +481,9 @@ TEST(Mmr, AFirstChunkOfNoiseIsRefused)
     Ring ring(kPage, false);
     std::vector<uint8_t> noise(300);
     for (size_t i = 0; i < noise.size(); ++i)
-        noise[i] = (uint8_t)(i * 37 + 1) == TS_SYNC ? 0 : (uint8_t)(i * 37 + 1);
+        noise[i] = (uint8_t)(i * 37 + 1) == MPEG_TS_SYNC ? 0 : (uint8_t)(i * 37 + 1);
     LogCapture cap(ERR_level);
-    EXPECT_EQ(put_bytes(ring.h, noise), -14);
+    EXPECT_EQ(put_bytes(ring.h, noise), MMR_NOTTS);
     EXPECT_EQ(cap.text(), "(ERR)  mmr_iput_ex: no header (buflen=300); non-TS/RTP stream?\n");
     EXPECT_EQ(ring.r()->pld_size, 300u);
     EXPECT_EQ(ring.r()->pld_pos, -1);

@@ -9,6 +9,8 @@
 
 #include "logcap.h"
 #include "mmr.h"
+// The ring's private record: these tests check its invariants (head, size,
+// both views) field by field, which no public call shows.
 #include "mmr_ring.h"
 #include "dstream.h"
 
@@ -20,7 +22,7 @@ std::vector<uint8_t> ts_packets(size_t n, size_t ts_len = 188)
 {
     std::vector<uint8_t> v(n * ts_len, 0xAB);
     for (size_t i = 0; i < n; ++i) {
-        v[i * ts_len] = TS_SYNC;
+        v[i * ts_len] = MPEG_TS_SYNC;
         v[i * ts_len + 1] = (uint8_t)i;
     }
     return v;
@@ -69,7 +71,7 @@ TEST(MmrOut, OneMessageOfSevenPackets)
 TEST(MmrOut, AByteOfTheNextPacketMustBeASyncByte)
 {
     auto data = ts_packets(7);
-    data.push_back(TS_SYNC);
+    data.push_back(MPEG_TS_SYNC);
     {
         Ring ring(data);
         iovec iov[8] = {};
@@ -137,7 +139,7 @@ TEST(MmrOut, OnePacketIsOneRecordAndLessIsNotEnough)
     LogCapture cap;
     iovec iov[4] = {};
     size_t count = 4;
-    EXPECT_EQ(mmr_oget(ring.h, iov, &count), EAGAIN);
+    EXPECT_EQ(mmr_oget(ring.h, iov, &count), MMR_AGAIN);
     EXPECT_EQ(cap.text(), "(WRN)  mmr_pack_buf: not enough payload data, 187 bytes\n");
 }
 
@@ -162,7 +164,7 @@ TEST(MmrOut, ABrokenPacketInThePacketWalkIsLostSync)
     LogCapture cap;
     iovec iov[8] = {};
     size_t count = 8;
-    EXPECT_EQ(mmr_oget(ring.h, iov, &count), -EBADF);
+    EXPECT_EQ(mmr_oget(ring.h, iov, &count), MMR_LOSTSYNC);
     EXPECT_EQ(count, 8u);  // the capacity stays
     EXPECT_EQ(lengths(iov, 4), (std::vector<size_t>{188, 188, 188, 0}));
     EXPECT_EQ(cap.text(), "(ERR)  mmr_pack_buf: LOST-SYNC: TS stream expected\n");
@@ -211,7 +213,7 @@ TEST(MmrOut, NoSyncWithin214BytesIsNotATsStream)
     LogCapture cap;
     iovec iov[4] = {};
     size_t count = 4;
-    EXPECT_EQ(mmr_oget_buf(ring.h, junk.data(), junk.size(), iov, &count, nullptr), -EFAULT);
+    EXPECT_EQ(mmr_oget_buf(ring.h, junk.data(), junk.size(), iov, &count, nullptr), MMR_NOTTS);
     EXPECT_EQ(cap.text(), std::string("(ERR)  mmr_oget_buf: [") + ring.r()->sname + "] not a TS stream, giving up\n");
 }
 
@@ -314,7 +316,7 @@ TEST(MmrOut, ALostRtpStreamLogsTheRtpTestAtEachOffset)
     std::vector<uint8_t> rtp(12 + 188, 0x00);
     rtp[0] = 0x80;
     rtp[1] = 33;
-    rtp[12] = TS_SYNC;
+    rtp[12] = MPEG_TS_SYNC;
     Ring ring(rtp, STY_RTP, 200, true);
     std::vector<uint8_t> junk(20, 0x00);
     junk.insert(junk.end(), rtp.begin(), rtp.end());
@@ -338,7 +340,7 @@ TEST(MmrOut, NothingToReadIsAFailureToSync)
     LogCapture cap;
     iovec iov[4] = {};
     size_t count = 4;
-    EXPECT_EQ(mmr_oget(ring.h, iov, &count), -EBADF);
+    EXPECT_EQ(mmr_oget(ring.h, iov, &count), MMR_LOSTSYNC);
     EXPECT_EQ(cap.text(), "(ERR)  mmr_oget_buf: failed to sync at delta=0, skipping\n");
 }
 
@@ -351,7 +353,7 @@ TEST(MmrOut, TheSyncSearchOnAFullTsRingReachesOnly214Bytes)
     LogCapture cap;
     iovec iov[4] = {};
     size_t count = 4;
-    EXPECT_EQ(mmr_oget(ring.h, iov, &count), -EFAULT);
+    EXPECT_EQ(mmr_oget(ring.h, iov, &count), MMR_NOTTS);
     EXPECT_EQ(ring.r()->pld_pos, 0);  // nothing shifted
     EXPECT_EQ(cap.text(), std::string("(ERR)  mmr_oget_buf: [") + ring.r()->sname + "] not a TS stream, giving up\n");
 }
@@ -386,7 +388,7 @@ struct FedRing {
         if (rtp && off < 12)
             return off == 0 ? 0x80 : off == 1 ? 33 : (uint8_t)pos;
         const size_t ts_off = rtp ? off - 12 : off;
-        return (ts_off % 188 == 0) ? TS_SYNC : (uint8_t)(pos * 7 + 1);
+        return (ts_off % 188 == 0) ? MPEG_TS_SYNC : (uint8_t)(pos * 7 + 1);
     }
     // One read of n bytes; junk_at, counted from the read's start, breaks
     // one byte.
@@ -612,12 +614,12 @@ TEST(MmrOut, ARingWhoseFirstChunkWasRefusedHasNothingToReadOut)
     ASSERT_NE(p, nullptr);
     memset(p, 0x5a, 1000);  // no sync byte anywhere
     pt.len = 1000;
-    ASSERT_EQ(mmr_iput(h, &pt), -EFAULT);
+    ASSERT_EQ(mmr_iput(h, &pt), MMR_NOTTS);
     // The bytes are counted, the head is still unset: no read in front of
     // the mapping, no records, the ring left as it was.
     iovec iov[8] = {};
     size_t count = 8;
-    EXPECT_EQ(mmr_oget(h, iov, &count), EAGAIN);
+    EXPECT_EQ(mmr_oget(h, iov, &count), MMR_AGAIN);
     EXPECT_EQ(iov[0].iov_len, 0u);
     mm_info info{};
     mmr_get_info(h, &info);

@@ -75,7 +75,7 @@ TEST(TsProbe, NoSyncByteAtStartIsEinval)
     LogCapture cap;
     auto v = tspkt_stream(188, 3);
     v[0] = 0x48;
-    EXPECT_EQ(ts_probe(v.data(), v.size(), false), -22);
+    EXPECT_EQ(ts_probe(v.data(), v.size(), false), TS_NOSYNC);
     EXPECT_EQ(cap.text(), "");
 }
 
@@ -156,7 +156,7 @@ TEST(TsProbe, PartialLastPacketFailsOnlyWithFullPkts)
     auto v = tspkt_stream(188, 2, 1);
     ASSERT_EQ(v.size(), 377u);
     // The multiple test fails at 188; 192, 204, 208 find no sync byte.
-    EXPECT_EQ(ts_probe(v.data(), 377, true), -3);
+    EXPECT_EQ(ts_probe(v.data(), 377, true), TS_NOSIZE);
     EXPECT_EQ(cap.text(), probe_line("NO-SYNC", 208, true, v.data(), 377));
     cap.clear();
     EXPECT_EQ(ts_probe(v.data(), 377, false), 188);
@@ -182,7 +182,7 @@ TEST(TsProbe, EverySteppedOnByteMustBeASyncByte)
     std::vector<uint8_t> v(1128, kTsFill);
     for (size_t pos = 0; pos < v.size(); pos += 376)
         v[pos] = MPEG_TS_SYNC;
-    EXPECT_EQ(ts_probe(v.data(), v.size(), false), -3);
+    EXPECT_EQ(ts_probe(v.data(), v.size(), false), TS_NOSIZE);
     EXPECT_EQ(cap.text(), probe_line("NO-SYNC", 208, false, v.data(), 1128));
     // With the middle bytes too, it is 188.
     for (size_t pos = 188; pos < v.size(); pos += 376)
@@ -191,7 +191,7 @@ TEST(TsProbe, EverySteppedOnByteMustBeASyncByte)
     // One bad byte far behind the start breaks 188.
     auto w = tspkt_stream(188, 20);
     w[188 * 17] = kTsFill;
-    EXPECT_EQ(ts_probe(w.data(), w.size(), false), -3);
+    EXPECT_EQ(ts_probe(w.data(), w.size(), false), TS_NOSIZE);
 }
 
 TEST(TsProbe, LogsAtModuleSevenOnly)

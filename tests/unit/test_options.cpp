@@ -60,7 +60,6 @@ TEST_F(Options, TailAboveTheLimitIsRefusedAndChangesNothing)
 {
     const TailResult r = tail("683:0");
     EXPECT_EQ(r.rc, -ERANGE);
-    EXPECT_EQ(r.rc, -34);
     EXPECT_EQ(r.err, "Cache size out of range: 683 (1..682)\n");
     EXPECT_EQ(g_cfg.tail_sz_mb, 2u);
     EXPECT_EQ(g_cfg.tail_tm_ms, 1000u);
@@ -88,7 +87,6 @@ TEST_F(Options, TailWithoutColonIsRefusedAndChangesNothing)
 {
     const TailResult r = tail("5");
     EXPECT_EQ(r.rc, -EINVAL);
-    EXPECT_EQ(r.rc, -22);
     EXPECT_EQ(r.err, "Missing colon in -t value: 5\n");
     EXPECT_EQ(g_cfg.tail_sz_mb, 2u);
     EXPECT_EQ(g_cfg.tail_tm_ms, 1000u);
@@ -113,8 +111,8 @@ TEST_F(Options, TailRefusalWritesNothingToTheLog)
 {
     LogCapture cap;
     testing::internal::CaptureStderr();
-    EXPECT_EQ(get_tail_params("683:1"), -34);
-    EXPECT_EQ(get_tail_params("nocolon"), -22);
+    EXPECT_EQ(get_tail_params("683:1"), -ERANGE);
+    EXPECT_EQ(get_tail_params("nocolon"), -EINVAL);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "Cache size out of range: 683 (1..682)\nMissing colon in -t value: nocolon\n");
     EXPECT_EQ(cap.text(), "");
@@ -315,7 +313,7 @@ TEST_F(Options, AnalyzeNegativeValueIsRefused)
     const tsan_config before = g_cfg.tsa;
     LogCapture cap;
     EXPECT_EQ(analyzer_opt("skipped_pkts=-1"), EINVAL);
-    EXPECT_EQ(analyzer_opt("skipped_pkts=-1"), 22);
+    EXPECT_EQ(analyzer_opt("skipped_pkts=-1"), EINVAL);
     EXPECT_TRUE(same_tsa(g_cfg.tsa, before));
     EXPECT_EQ(cap.text(), "(ERR)  analyzer_opt: invalid parameter value: skipped_pkts=-1/-1\n"
                           "(ERR)  analyzer_opt: invalid parameter value: skipped_pkts=-1/-1\n");
@@ -324,7 +322,7 @@ TEST_F(Options, AnalyzeNegativeValueIsRefused)
 TEST_F(Options, AnalyzeNegativeValueOfAnUnknownKeyIsRefusedToo)
 {
     LogCapture cap;
-    EXPECT_EQ(analyzer_opt("foo=-20"), 22);
+    EXPECT_EQ(analyzer_opt("foo=-20"), EINVAL);
     EXPECT_EQ(cap.text(), "(ERR)  analyzer_opt: invalid parameter value: foo=-20/-20\n");
 }
 
@@ -351,8 +349,8 @@ TEST_F(Options, AnalyzeWithoutEqualsIsRefused)
 {
     const tsan_config before = g_cfg.tsa;
     LogCapture cap;
-    EXPECT_EQ(analyzer_opt("skipped_pkts"), 22);
-    EXPECT_EQ(analyzer_opt("onn"), 22);
+    EXPECT_EQ(analyzer_opt("skipped_pkts"), EINVAL);
+    EXPECT_EQ(analyzer_opt("onn"), EINVAL);
     EXPECT_TRUE(same_tsa(g_cfg.tsa, before));
     EXPECT_EQ(cap.text(), "(ERR)  analyzer_opt: invalid option string format: skipped_pkts\n"
                           "(ERR)  analyzer_opt: invalid option string format: onn\n");
@@ -378,7 +376,7 @@ TEST_F(Options, AnalyzeLinesFollowTheLevel)
 {
     LogCapture cap(ERR_level);
     EXPECT_EQ(analyzer_opt("pcr_freq=40"), 0);
-    EXPECT_EQ(analyzer_opt("pcr_freq"), 22);
+    EXPECT_EQ(analyzer_opt("pcr_freq"), EINVAL);
     EXPECT_EQ(cap.text(), "(ERR)  analyzer_opt: invalid option string format: pcr_freq\n");
 }
 

@@ -540,7 +540,7 @@ TEST_F(Rqs, TheStageAndTheRequestTypes)
 {
     const rqs_config cfg = config();
     ASSERT_EQ(rqs_init(&cfg), 0);
-    const int* stage = static_cast<int*>(rqs_ctx(1, nullptr));
+    const int* stage = static_cast<int*>(rqs_ctx(RQS_CTX_STAGE, nullptr));
     ASSERT_NE(stage, nullptr);
     EXPECT_EQ(*stage, ELOOP_START);
     LogCapture cap;

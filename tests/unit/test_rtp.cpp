@@ -165,8 +165,8 @@ TEST(RtpHeaderLen, ExtensionInATooShortBuffer)
     LogCapture cap;
     auto v = rtp_pkt();
     tspkt_set(v, {{0, 0x90}, {14, 0}, {15, 0}});
-    EXPECT_EQ(rtp_header_len(v.data(), 17), -12);
-    EXPECT_EQ(rtp_header_len(v.data(), 12), -12);
+    EXPECT_EQ(rtp_header_len(v.data(), 17), RTP_SHORTXT);
+    EXPECT_EQ(rtp_header_len(v.data(), 12), RTP_SHORTXT);
     EXPECT_EQ(cap.text(), "(ERR)  rtp_header_len: insufficient length (17) for extended header\n"
                           "(ERR)  rtp_header_len: insufficient length (12) for extended header\n");
     cap.clear();

@@ -15,6 +15,8 @@
 
 #include "kst.h"
 #include "logcap.h"
+// The ring's private record: these tests check its invariants (head, size,
+// both views) field by field, which no public call shows.
 #include "mmr_ring.h"
 #include "dstream.h"
 #include "testfs.h"
@@ -51,7 +53,7 @@ protected:
     {
         std::vector<uint8_t> data(npkts * 188);
         for (size_t i = 0; i < data.size(); ++i)
-            data[i] = (i % 188 == 0) ? TS_SYNC : (uint8_t)(i * 7);
+            data[i] = (i % 188 == 0) ? MPEG_TS_SYNC : (uint8_t)(i * 7);
         mm_point pt{};
         uint8_t* p = mmr_iget(g_ctx.mmr, &pt);
         memcpy(p, data.data(), data.size());

@@ -160,7 +160,7 @@ TEST(Strops, ReplaceMacro)
     EXPECT_EQ(replace_ul_macro(gone, sizeof(gone), "{N}", 0), 0);
     EXPECT_STREQ(gone, "/a/b.log");
     char tight[8] = "ab{N}";
-    EXPECT_EQ(replace_ul_macro(tight, sizeof(tight), "{N}", 123456), -34);
+    EXPECT_EQ(replace_ul_macro(tight, sizeof(tight), "{N}", 123456), -ERANGE);
     char fits[8] = "ab{N}";  // "ab12345" is 7 characters: one below len
     EXPECT_EQ(replace_ul_macro(fits, sizeof(fits), "{N}", 12345), 0);
     EXPECT_STREQ(fits, "ab12345");
@@ -176,7 +176,7 @@ TEST(Strops, ReplaceMacroStopsAfter32)
         many += "{N}";
     char buf[256];
     strcpy(buf, many.c_str());
-    EXPECT_EQ(replace_ul_macro(buf, sizeof(buf), "{N}", 1), -34);  // all 32 passes replaced one
+    EXPECT_EQ(replace_ul_macro(buf, sizeof(buf), "{N}", 1), -ERANGE);  // all 32 passes replaced one
     EXPECT_EQ(std::string(buf), std::string(32, '1'));
     strcpy(buf, (many.substr(3)).c_str());
     EXPECT_EQ(replace_ul_macro(buf, sizeof(buf), "{N}", 1), 0);

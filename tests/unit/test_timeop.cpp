@@ -240,7 +240,7 @@ void stamp_from_handler(int)
     const timespec t{1700000000, 0};
     char b[64];
     const ssize_t r = mk_timestr(&t, f_GMT_TIME, b, sizeof(b));
-    if (r == -11)
+    if (r == TM_BUSY)
         g_handler_busy = 1;
     else if (r > 0)
         g_handler_ok = 1;

@@ -18,6 +18,8 @@
 #include <vector>
 
 #include "logcap.h"
+// The analyzer's private record: these tests read its counters and tables
+// directly, as the reports would after many packets.
 #include "tsan_ctx.h"
 #include "tsanalyze.h"
 #include "tsbuild.h"

@@ -6,6 +6,8 @@
 
 #include "logcap.h"
 #include "strf.h"
+// The analyzer's private record: these tests read its counters and tables
+// directly, as the reports would after many packets.
 #include "tsan_ctx.h"
 #include "tsbuild.h"
 
@@ -363,10 +365,8 @@ TEST(TrackerChecks, WithoutTheReferenceCheckTheFlagStaysAndThePcrCheckRepeats)
 
 namespace {
 
-struct LostSync : ::testing::Test {
-    void SetUp() override { tsan_lostsync_reset_for_test(); }
-    void TearDown() override { tsan_lostsync_reset_for_test(); }
-};
+// Each test's tracker is a new analyzer, with a window of its own.
+struct LostSync : ::testing::Test {};
 
 }  // namespace
 
@@ -428,4 +428,18 @@ TEST_F(LostSync, TenCasesOverLongerThanThreeSecondsStillGiveUpWhenTheWindowNever
         ASSERT_EQ(tsan_alert_lostsync_at(tr.t, 1000), 0);
     EXPECT_EQ(tsan_alert_lostsync_at(tr.t, 1002), -1);
     EXPECT_EQ(tsan_alert_lostsync_at(tr.t, 1010), -1);
+}
+
+TEST_F(LostSync, TwoAnalyzersKeepAWindowEach)
+{
+    Tracker first(limits(0, 0, 0));
+    Tracker second(limits(0, 0, 0));
+    Logs logs;
+    for (int i = 0; i < 9; ++i)
+        ASSERT_EQ(tsan_alert_lostsync_at(first.t, 1000), 0);
+    logs.app.clear();
+    // The second analyzer's first case is its own first, not the tenth.
+    EXPECT_EQ(tsan_alert_lostsync_at(second.t, 1000), 0);
+    EXPECT_EQ(logs.app.text(), "(WRN)  ALERT LOST-SYNC [ch1] seq=1 at \n");
+    EXPECT_EQ(tsan_alert_lostsync_at(first.t, 1000), -1);
 }

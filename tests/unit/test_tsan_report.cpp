@@ -7,6 +7,8 @@
 
 #include "logcap.h"
 #include "strf.h"
+// The analyzer's private record: these tests read its counters and tables
+// directly, as the reports would after many packets.
 #include "tsan_ctx.h"
 
 namespace {

@@ -52,8 +52,8 @@ TEST(UriEndpts, AUdpPathGivesTheSourceAndNoDestination)
     EXPECT_EQ(e.src, "udp://239.1.1.1:5000");
     EXPECT_EQ(e.dst, "");
     EXPECT_EQ(endpts("/RTP/239.1.1.2:6000").src, "RTP://239.1.1.2:6000");
-    EXPECT_EQ(endpts("/udp/").rc, 22);
-    EXPECT_EQ(endpts("/udp/239.1.1.1:5000/", nullptr, 10).rc, 7);
+    EXPECT_EQ(endpts("/udp/").rc, URI_EP_NOADDR);
+    EXPECT_EQ(endpts("/udp/239.1.1.1:5000/", nullptr, 10).rc, URI_EP_TOOLONG);
 }
 
 TEST(UriEndpts, SourceAndDestinationBetweenSrcAndDst)
@@ -89,7 +89,7 @@ TEST(UriEndpts, HlsPaths)
     uri_parse_ctx slash{"/srv/", {}};
     EXPECT_EQ(endpts("/hls-fra/a/b.ts", &slash).src, "file:///srv/a/b.ts");
     EXPECT_EQ(endpts("/hls-fra/a/b.ts").src, "file://a/b.ts");
-    EXPECT_EQ(endpts("/hls-fra/a/b.ts", &ctx, 10).rc, 34);
+    EXPECT_EQ(endpts("/hls-fra/a/b.ts", &ctx, 10).rc, URI_EP_NOROOM);
     e = endpts("/HLS-M3U/ch1/index.m3u8");
     EXPECT_EQ(e.rc, 0);
     EXPECT_EQ(e.src, "ch1/index.m3u8");
@@ -102,12 +102,12 @@ TEST(UriEndpts, AliasesAndRefusals)
     EXPECT_EQ(endpts("$name").src, "$name");
     EXPECT_EQ(endpts("/~chan/x").src, "~chan");
     EXPECT_EQ(endpts("/~chan/x").dst, "(unset)");
-    EXPECT_EQ(endpts("/^abcdefghij/x", nullptr, 5).rc, 7);
-    EXPECT_EQ(endpts("plain").rc, 3);
-    EXPECT_EQ(endpts("/what/ever").rc, -14);
+    EXPECT_EQ(endpts("/^abcdefghij/x", nullptr, 5).rc, URI_EP_TOOLONG);
+    EXPECT_EQ(endpts("plain").rc, URI_EP_NOSLASH);
+    EXPECT_EQ(endpts("/what/ever").rc, URI_EP_UNKNOWN);
     uri_parse_ctx ctx{nullptr, {}};
     strcpy(ctx.udpfx, "old");
-    EXPECT_EQ(endpts("/abcdefghijklmnop/x", &ctx).rc, -14);
+    EXPECT_EQ(endpts("/abcdefghijklmnop/x", &ctx).rc, URI_EP_UNKNOWN);
     EXPECT_STREQ(ctx.udpfx, "old");
 }
 

@@ -534,7 +534,7 @@ TEST(UtilReadFileBuf, TooBigForTheBufferIsMinusSeven)
     LogCapture cap;
     char buf[64];
     memset(buf, 'Z', sizeof(buf));
-    EXPECT_EQ(read_file_buf(p.c_str(), buf, 11), -7);
+    EXPECT_EQ(read_file_buf(p.c_str(), buf, 11), RFB_TOOBIG);
     EXPECT_EQ(buf[0], 'Z');
     EXPECT_EQ(cap.text(), "(ERR)  read_file_buf: file size (12 bytes) is too big for buffer (11 bytes)\n");
 }

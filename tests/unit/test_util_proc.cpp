@@ -1642,7 +1642,7 @@ TEST(ProcRedirect, FailedCopiesOntoOneAndTwo)
             return 0;
         });
         ASSERT_TRUE(r.ok()) << r;
-        EXPECT_EQ(r.out, strf("rc=%d errno=%d fd0=0\n", limit == 1 ? -2 : -3, EBADF)) << limit;
+        EXPECT_EQ(r.out, strf("rc=%d errno=%d fd0=0\n", limit == 1 ? REDIR_STDOUT : REDIR_STDERR, EBADF)) << limit;
     }
 }
 

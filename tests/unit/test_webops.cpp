@@ -20,6 +20,7 @@
 #include "util.h"
 #include "webops.h"
 #include "wopen.h"
+// The source handle's private HTTP exchange, tested on its own socket.
 #include "wopen_http.h"
 
 namespace {

@@ -82,7 +82,7 @@ TEST(HttpServer, ASourceAndDestinationFromThePathAndTheQueryBehindTheSource)
     // No room for the query behind the source.
     LogCapture cap(ERR_level);
     u = urq("GET /udp/239.1.1.1:5000/?abcdefghij HTTP/1.1\r\n\r\n", 28);
-    EXPECT_EQ(u.rc, 7);
+    EXPECT_EQ(u.rc, WEB_URIBIG);
     EXPECT_EQ(cap.text(), "(ERR)  web_parse_urq: URI query is too long (10 bytes), max allowed=6 bytes, "
                           "discarding request\n");
 }
@@ -101,7 +101,7 @@ TEST(HttpServer, RefusedRequests)
     EXPECT_EQ(cap.text(), "(ERR)  parse_http_header: expected [HTTP/1.] to follow the URI path, got [FTP/1.1\r\n\r\n]\n");
     cap.clear();
     const std::string q256 = "GET /x?" + std::string(256, 'q') + " HTTP/1.1\r\n\r\n";
-    EXPECT_EQ(urq(q256).rc, -7);
+    EXPECT_EQ(urq(q256).rc, WEB_QUERYBIG);
     EXPECT_EQ(cap.text(), "(ERR)  web_parse_urq: URI query length (256 bytes) is beyond the limit: 256\n");
     cap.clear();
     EXPECT_EQ(urq("GET /what/ever HTTP/1.1\r\n\r\n").rc, -1);
@@ -207,14 +207,14 @@ TEST(HttpServer, AUrlOutsideARequest)
     EXPECT_STREQ(src, "udp://239.1.1.1:5000");
     // With a scheme the grammar's path begins at the host.
     LogCapture cap(ERR_level);
-    EXPECT_EQ(web_parse_url("http://h/udp/239.1.1.1:5000", src, dst, sizeof(src)), -14);
+    EXPECT_EQ(web_parse_url("http://h/udp/239.1.1.1:5000", src, dst, sizeof(src)), URI_EP_UNKNOWN);
     EXPECT_EQ(cap.text(), "(ERR)  web_parse_url: error(-14) parsing path [h/udp/239.1.1.1:5000]\n");
     cap.clear();
-    EXPECT_EQ(web_parse_url("http://h", src, dst, sizeof(src)), 3);
+    EXPECT_EQ(web_parse_url("http://h", src, dst, sizeof(src)), URI_EP_NOSLASH);
     EXPECT_EQ(cap.text(), "(ERR)  web_parse_url: error(3) parsing path [h]\n");
     cap.clear();
     const std::string longer = "http://h/" + std::string(130, 'p');
-    EXPECT_EQ(web_parse_url(longer.c_str(), src, dst, sizeof(src)), ERANGE);
+    EXPECT_EQ(web_parse_url(longer.c_str(), src, dst, sizeof(src)), WEB_BADPATH);
     EXPECT_EQ(cap.text(), "(ERR)  web_parse_url: invalid path size: 132\n");
 }
 
