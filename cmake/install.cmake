@@ -19,7 +19,10 @@ install(CODE [[
   endwhile()
   execute_process(COMMAND test -w "${_kst_dir}" RESULT_VARIABLE _kst_rc)
   if(NOT _kst_rc EQUAL 0)
-    message(FATAL_ERROR "kst: cannot install into ${_kst_dest}: ${_kst_dir} is not writable")
+    # The reason on one line of its own, as the system tells it; CMake's
+    # error block after it would wrap a long path.
+    message(NOTICE "kst: cannot install into ${_kst_dest}: ${_kst_dir} is read-only or not writable")
+    message(FATAL_ERROR "kst: nothing was installed")
   endif()
 ]])
 
