@@ -235,8 +235,11 @@ int plat_proc_image(pid_t pid, char* exe, size_t exelen, char* args, size_t args
     char path[64];
     snprintf(path, sizeof(path), "/proc/%d/exe", (int)pid);
     const ssize_t n = readlink(path, exe, exelen - 1);
-    if (n < 0)
+    if (n < 0) {
+        if (errno == ENOENT)
+            errno = ESRCH;  // as the other platforms say it
         return -1;
+    }
     exe[n] = '\0';
     snprintf(path, sizeof(path), "/proc/%d/cmdline", (int)pid);
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
