@@ -155,6 +155,22 @@ class KstWebBadInputTest(KstWebCase):
         self.assertEqual(status(fetch(self.port, b"/", method=b"X")), 400)
         self.assertServing()
 
+    def test_a_full_queue_closes_the_listener_until_it_drains(self):
+        # Three quarters of 8: the sixth waiting client closes the listener.
+        self.start_web(tmout=1000, extra="max_requests = 8;")
+        idle = [socket.create_connection(("127.0.0.1", self.port), timeout=10) for _ in range(6)]
+        self.awaitWebLog("wll be closed (6 requsts queued)")
+        with self.assertRaises(ConnectionRefusedError):
+            socket.create_connection(("127.0.0.1", self.port), timeout=10).close()
+        # The admin listener has a queue of its own.
+        self.assertEqual(status(fetch(self.admin_port, b"/ping")), 200)
+        # The idle ones time out, and the listener opens again.
+        for s in idle:
+            self.assertEqual(status(read_to_end(s)), 408)
+            s.close()
+        self.assertTrue(wait_for(lambda: "rui_should_listen: usr (" in read_text(self.web_log)))
+        self.assertServing()
+
 
 class KstWebCurlTest(KstWebCase):
     def curl(self, path, admin=False, method="GET"):
