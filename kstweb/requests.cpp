@@ -53,6 +53,10 @@ bool time_out(void* p, size_t tmout_ms)
     auto* rq = static_cast<kw_request*>(p);
     if (rq->waiting || (rq->answered && !rq->draining))
         return false;
+    // rui_tmout_all hands every class the same time-out: the admin class
+    // has its own.
+    if (kw_is_admin(rq))
+        tmout_ms = (size_t)g_kw.rcfg.admin_request_tmout;
     const timespec tmout{(time_t)(tmout_ms / 1000), (long)(tmout_ms % 1000) * 1000000L};
     if (!timed_out(&rq->since, &tmout))
         return false;
@@ -61,7 +65,7 @@ bool time_out(void* p, size_t tmout_ms)
         (void)rui_pprm_request(rq);
         return true;
     }
-    LOG_AT(WARN_level, "%s: %s: no whole head within %zu ms\n", "time_out", rq->h.trk_tag.sym8, tmout_ms);
+    LOG_AT(WARN_level, "%s: %.8s: no whole head within %zu ms\n", "time_out", rq->h.trk_tag.sym8, tmout_ms);
     // A slow client may still be sending: as for an oversized head, what
     // it sends is dropped until it closes, so that it reads the answer.
     rq->draining = true;
@@ -88,7 +92,7 @@ void read_head(kw_request* rq)
         // The client may still be sending: its bytes are read and dropped
         // until it closes, so that the answer is not lost to a reset (a
         // socket closed with unread bytes resets the connection).
-        LOG_AT(WARN_level, "%s: %s: a head over %zu bytes refused\n", "read_head", rq->h.trk_tag.sym8, KW_HEAD_MAX);
+        LOG_AT(WARN_level, "%s: %.8s: a head over %zu bytes refused\n", "read_head", rq->h.trk_tag.sym8, KW_HEAD_MAX);
         rq->draining = true;
         set_clk_now(&rq->since, CLOCK_MONOTONIC);
         kw_answer_code(rq, 431, "Request Header Fields Too Large");

@@ -172,10 +172,10 @@ void kw_trigger_poll()
         return;
     set_clk_now(&g_last_poll, CLOCK_MONOTONIC);
     const timespec limit{(time_t)(g_kw.snapshot_tmout_ms / 1000), (long)(g_kw.snapshot_tmout_ms % 1000) * 1000000L};
+    const std::vector<kw_snap> all = kw_list_snapshots();
     for (size_t i = 0; i < g_pending.size();) {
         pending& pd = g_pending[i];
         const kw_snap* found = nullptr;
-        const std::vector<kw_snap> all = kw_list_snapshots();
         for (const kw_snap& s : all) {
             size_t pfx = 0;
             long p = 0;
