@@ -25,6 +25,12 @@ void* plat_mmap_low(size_t len);
 // without its leading slash. 0, or -1 with errno.
 int plat_shm_names(void (*fn)(const char* name, void* arg), void* arg);
 
+// What process pid runs: the path of its executable in exe (exelen bytes)
+// and its arguments, each ending in a zero byte, in args (argslen bytes;
+// *nargs gets the bytes used, arguments that don't fit are cut off). 0, or
+// -1 with errno (ESRCH for no such process, EACCES for another user's).
+int plat_proc_image(pid_t pid, char* exe, size_t exelen, char* args, size_t argslen, size_t* nargs);
+
 // Binds the process to one processor; 0 or -1 with errno.
 int plat_pin_to_cpu(int cpunum);
 

@@ -4,8 +4,10 @@
 //
 //   kst-web -c CONFIG_FILE
 //
-// This first version serves the user side: /ping, the favicon answer, the
-// snapshot directory as a page, and each snapshot file.
+// The user listeners serve what can be read: /ping, the favicon answer, the
+// page of instances and snapshots, each snapshot file, the snapshots of a
+// prefix as an HLS playlist, an instance's flight-recorder text and
+// /metrics. The admin listeners serve the same, and the snapshot trigger.
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -18,6 +20,7 @@
 #include "fdio.h"
 #include "kstweb.h"
 #include "log.h"
+#include "psensor.h"
 #include "rqs.h"
 #include "util.h"
 
@@ -64,6 +67,8 @@ int main(int argc, char** argv)
         level = g_kw.log_level;
     kw_dump_config(stderr, &g_kw);
     kw_set_callbacks();
+    if (g_kw.probes)
+        (void)psensors_init(nullptr, 1);
     if (fdio_init(-1) != 0)
         return 1;
 

@@ -145,3 +145,20 @@ int plat_shm_names(void (*fn)(const char* name, void* arg), void* arg)
     free(buf);
     return 0;
 }
+
+// FreeBSD has no /proc by default: the kernel tells a process's executable
+// and arguments through kern.proc.pathname and kern.proc.args.
+int plat_proc_image(pid_t pid, char* exe, size_t exelen, char* args, size_t argslen, size_t* nargs)
+{
+    int mib[4] = {CTL_KERN, KERN_PROC, KERN_PROC_PATHNAME, (int)pid};
+    size_t len = exelen;
+    if (sysctl(mib, 4, exe, &len, nullptr, 0) != 0)
+        return -1;
+    exe[exelen - 1] = '\0';
+    mib[2] = KERN_PROC_ARGS;
+    len = argslen;
+    if (sysctl(mib, 4, args, &len, nullptr, 0) != 0 && errno != ENOMEM)
+        return -1;
+    *nargs = len;
+    return 0;
+}

@@ -2,7 +2,7 @@
 #include "platform.h"
 
 #include <dirent.h>
-
+#include <fcntl.h>
 #include <getopt.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -224,5 +224,37 @@ int plat_shm_names(void (*fn)(const char* name, void* arg), void* arg)
             fn(e->d_name, arg);
     }
     closedir(d);
+    return 0;
+}
+
+// /proc/PID/exe names the file the process was started from (with
+// " (deleted)" behind it once that file is gone); /proc/PID/cmdline holds
+// the arguments as the process has them.
+int plat_proc_image(pid_t pid, char* exe, size_t exelen, char* args, size_t argslen, size_t* nargs)
+{
+    char path[64];
+    snprintf(path, sizeof(path), "/proc/%d/exe", (int)pid);
+    const ssize_t n = readlink(path, exe, exelen - 1);
+    if (n < 0) {
+        if (errno == ENOENT)
+            errno = ESRCH;  // as the other platforms say it
+        return -1;
+    }
+    exe[n] = '\0';
+    snprintf(path, sizeof(path), "/proc/%d/cmdline", (int)pid);
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return -1;
+    size_t got = 0;
+    while (got < argslen) {
+        const ssize_t r = read(fd, args + got, argslen - got);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r <= 0)
+            break;
+        got += (size_t)r;
+    }
+    close(fd);
+    *nargs = got;
     return 0;
 }

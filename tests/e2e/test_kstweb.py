@@ -12,61 +12,8 @@ import tempfile
 import threading
 import unittest
 
-from kstlib import (CLIENT_UA, KstTestCase, free_tcp_port, make_ts, need, read_text, read_to_end, wait_drained,
-                    wait_for)
-
-KSTWEB = os.environ.get("KSTWEB_BIN", "")
-def fetch(port, path, method=b"GET"):
-    """The whole answer to one request, head and body."""
-    s = socket.create_connection(("127.0.0.1", port), timeout=20)
-    s.sendall(method + b" " + path + b" HTTP/1.1\r\nHost: t\r\n" + CLIENT_UA + b"\r\n")
-    out = read_to_end(s)
-    s.close()
-    return out
-
-
-def status(answer):
-    return int(answer.split(b" ", 2)[1])
-
-
-def body(answer):
-    return answer.split(b"\r\n\r\n", 1)[1]
-
-
-class KstWebCase(KstTestCase):
-    def setUp(self):
-        super().setUp()
-        if not KSTWEB or not os.path.exists(KSTWEB):
-            self.skipTest("kst-web not built")
-        self.snaps = self.path("snaps")
-        os.mkdir(self.snaps)
-        self.port = free_tcp_port()
-        self.web_log = self.path("web.log")
-        self.web = None
-
-    def tearDown(self):
-        if self.web and self.web.poll() is None:
-            self.web.send_signal(signal.SIGTERM)
-            try:
-                rc = self.web.wait(timeout=10)
-            except subprocess.TimeoutExpired:
-                self.web.kill()
-                self.web.wait()
-                rc = None
-            self.web_logf.close()
-            self.assertEqual(rc, 0, read_text(self.web_log)[-3000:])
-        super().tearDown()
-
-    def start_web(self, tmout=2000):
-        conf = self.path("web.conf")
-        with open(conf, "w") as f:
-            f.write('kst_web = { snapshot_dir = "%s"; listeners = { user = { alias = "web"; ifc = "lo"; '
-                    'default_af = "inet"; port = "%d"; }; max_to_accept = 64; user_request_timeout = %d; }; };\n'
-                    % (self.snaps, self.port, tmout))
-        self.web_logf = open(self.web_log, "w")
-        self.web = subprocess.Popen([KSTWEB, "-c", conf], stdout=self.web_logf, stderr=self.web_logf)
-        self.assertTrue(wait_for(lambda: "kst-web serving" in read_text(self.web_log), timeout=10),
-                        read_text(self.web_log))
+from kstlib import CLIENT_UA, make_ts, need, read_text, read_to_end, wait_drained, wait_for
+from kstweblib import KstWebCase, body, fetch, status
 
 
 class KstWebTest(KstWebCase):
@@ -155,6 +102,110 @@ class KstWebTest(KstWebCase):
         for t in threads:
             t.join(timeout=120)
         self.assertEqual(results, [want] * 20)
+
+
+class KstWebBadInputTest(KstWebCase):
+    """What a client may send wrong: each gets its status and a line in the
+    log, and the service goes on serving."""
+
+    def assertServing(self):
+        self.assertEqual(status(fetch(self.port, b"/ping")), 200)
+
+    def test_a_head_of_64_kib_gets_431(self):
+        self.start_web()
+        s = socket.create_connection(("127.0.0.1", self.port), timeout=10)
+        s.sendall(b"GET /ping HTTP/1.1\r\n" + CLIENT_UA + b"X-Filler: " + b"a" * (64 << 10) + b"\r\n\r\n")
+        out = read_to_end(s)
+        s.close()
+        self.assertEqual(status(out), 431, out[:200])
+        self.awaitWebLog("read_head: ")
+        self.assertIn("a head over 8192 bytes refused", read_text(self.web_log))
+        self.assertServing()
+
+    def test_slowloris_clients_get_408_while_others_are_served(self):
+        self.start_web(tmout=500)
+        slow = [socket.create_connection(("127.0.0.1", self.port), timeout=10) for _ in range(30)]
+        for s in slow:
+            s.sendall(b"GET /ping HTTP/1.1\r\n" + CLIENT_UA)
+        # One more byte now and then does not buy more time.
+        for _ in range(3):
+            for s in slow:
+                try:
+                    s.sendall(b"X")
+                except OSError:
+                    pass
+            self.assertServing()
+        for s in slow:
+            self.assertEqual(status(read_to_end(s)), 408)
+            s.close()
+        self.assertIn("time_out: ", read_text(self.web_log))
+        self.assertIn("no whole head within 500 ms", read_text(self.web_log))
+        self.assertServing()
+
+    def test_methods_other_than_get_and_head_get_405(self):
+        need("curl")
+        self.start_web()
+        for method in ("POST", "PUT", "DELETE", "OPTIONS", "PATCH", "TRACE"):
+            with self.subTest(method=method):
+                r = subprocess.run(["curl", "-s", "--path-as-is", "-o", "/dev/null", "-w", "%{http_code}", "-X", method,
+                                    self.url("/snapshots/a.ts")], capture_output=True, text=True, timeout=20)
+                self.assertEqual(r.stdout, "405")
+        self.assertIn("kw_serve: POST refused: only GET and HEAD are served", read_text(self.web_log))
+        # Not a method at all.
+        self.assertEqual(status(fetch(self.port, b"/", method=b"X")), 400)
+        self.assertServing()
+
+    def test_a_full_queue_closes_the_listener_until_it_drains(self):
+        # Three quarters of 8: the sixth waiting client closes the listener.
+        self.start_web(tmout=1000, extra="max_requests = 8;")
+        idle = [socket.create_connection(("127.0.0.1", self.port), timeout=10) for _ in range(6)]
+        self.awaitWebLog("wll be closed (6 requsts queued)")
+        with self.assertRaises(ConnectionRefusedError):
+            socket.create_connection(("127.0.0.1", self.port), timeout=10).close()
+        # The admin listener has a queue of its own.
+        self.assertEqual(status(fetch(self.admin_port, b"/ping")), 200)
+        # The idle ones time out, and the listener opens again.
+        for s in idle:
+            self.assertEqual(status(read_to_end(s)), 408)
+            s.close()
+        self.assertTrue(wait_for(lambda: "rui_should_listen: usr (" in read_text(self.web_log)))
+        self.assertServing()
+
+
+class KstWebCurlTest(KstWebCase):
+    def curl(self, path, admin=False, head=False):
+        r = subprocess.run(["curl", "-s", "--path-as-is", "-o", "/dev/null", "-w", "%{http_code}"] +
+                           (["-I"] if head else []) + [self.url(path, admin)], capture_output=True, text=True,
+                           timeout=20)
+        return int(r.stdout)
+
+    def test_every_endpoint_answers_its_status_to_curl(self):
+        need("curl")
+        with open(os.path.join(self.snaps, "snap42-p0_10-N.ts"), "wb") as f:
+            f.write(b"\x47" * 1880)
+        nid = self.new_nid()
+        self.start_web(instances=[nid])
+        want = {
+            "/ping": 200, "/favicon.ico": 204, "/": 200, "/metrics": 200,
+            "/snapshots/snap42-p0_10-N.ts": 200, "/snapshots/none.ts": 404, "/snapshots/../web.conf": 403,
+            "/hls-m3u/snap/index.m3u8": 200, "/hls-m3u/other/index.m3u8": 404,
+            "/hls-fra/snap/snap42-p0_10-N.ts": 200, "/hls-fra/other/snap42-p0_10-N.ts": 403,
+            "/instances/%d/log" % nid: 404, "/instances/%d/snapshot" % nid: 403, "/instances/x/log": 404,
+            "/nothing": 404,
+        }
+        for path, code in want.items():
+            with self.subTest(path=path):
+                self.assertEqual(self.curl(path), code)
+                self.assertEqual(self.curl(path, head=True), code)
+        # The admin listener serves the same, and the trigger: an instance
+        # not configured is unknown, a configured one without a recorder too.
+        self.assertEqual(self.curl("/ping", admin=True), 200)
+        self.assertEqual(self.curl("/instances/%d/snapshot" % (nid + 1), admin=True), 404)
+        self.assertEqual(self.curl("/instances/%d/snapshot" % nid, admin=True), 404)
+        log = read_text(self.web_log)
+        self.assertIn("instance %d refused: not one of the configured instances" % (nid + 1), log)
+        self.assertIn("instance %d refused: no flight recorder kst.%d" % (nid, nid), log)
+        self.assertIn("instance %d: trigger refused: not on an admin listener" % nid, log)
 
 
 if __name__ == "__main__":
