@@ -182,7 +182,7 @@ int kw_on_write(int fd, uint32_t, void* udata, void*)
 
 int kw_post_process()
 {
-    const int* stage = static_cast<int*>(rqs_ctx(1, nullptr));
+    const int* stage = static_cast<int*>(rqs_ctx(RQS_CTX_STAGE, nullptr));
     if (stage != nullptr && *stage == ELOOP_ENDPP) {
         rui_pprm_all(&g_kw.rctx);
         flow_control(g_kw.rctx.user);

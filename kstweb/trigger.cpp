@@ -99,6 +99,16 @@ void refuse(kw_request* rq, http_response r)
     kw_answer(rq, r);
 }
 
+// A refusal with a status that has no canned answer; the connection closes.
+void refuse_with(kw_request* rq, int code, const char* reason)
+{
+    http_response r = g_resp_none;
+    r.code = code;
+    r.reason = reason;
+    r.connection = "close";
+    refuse(rq, r);
+}
+
 }  // namespace
 
 void kw_trigger(kw_request* rq, unsigned nid)
@@ -124,11 +134,7 @@ void kw_trigger(kw_request* rq, unsigned nid)
     if (strcmp(in.state, "active") != 0) {
         LOG_AT(WARN_level, "%s: instance %u refused: its recorder is %s (pid %d)\n", "kw_trigger", nid, in.state,
                (int)in.pid);
-        http_response r = g_resp_none;
-        r.code = 410;
-        r.reason = "Gone";
-        r.connection = "close";
-        refuse(rq, r);
+        refuse_with(rq, 410, "Gone");
         return;
     }
     char why[FILE_PATH_MAX * 4];
@@ -140,11 +146,7 @@ void kw_trigger(kw_request* rq, unsigned nid)
     for (const pending& pd : g_pending) {
         if (pd.nid == nid) {
             LOG_AT(WARN_level, "%s: instance %u refused: a snapshot is already pending\n", "kw_trigger", nid);
-            http_response r = g_resp_none;
-            r.code = 409;
-            r.reason = "Conflict";
-            r.connection = "close";
-            refuse(rq, r);
+            refuse_with(rq, 409, "Conflict");
             return;
         }
     }
