@@ -8,7 +8,10 @@
 #include <string>
 
 #include "lard.h"
+#include "log.h"
 #include "psensor.h"
+
+LOG_UNIT(LLMOD_DEFAULT);
 
 namespace {
 
@@ -40,6 +43,22 @@ void BM_LoopWithDisabledProbe(benchmark::State& state)
     benchmark::DoNotOptimize(x);
 }
 BENCHMARK(BM_LoopWithDisabledProbe);
+
+// A DEBUG line below the level, with no flight recorder: the level test
+// alone, before any argument is evaluated or anything is composed.
+void BM_LoopWithFilteredLine(benchmark::State& state)
+{
+    glog_init("bench");
+    log_default(&g_log, stderr);
+    g_mod_ll[LLMOD_DEFAULT] = INFO_level;
+    uint64_t x = 0;
+    for (auto _ : state) {
+        x = work(x);
+        LOG_AT(DEBUG_level, "%s: x=%lu\n", "bench", (unsigned long)x);
+    }
+    benchmark::DoNotOptimize(x);
+}
+BENCHMARK(BM_LoopWithFilteredLine);
 
 void BM_LoopWithEnabledProbe(benchmark::State& state)
 {
