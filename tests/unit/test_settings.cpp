@@ -2,7 +2,10 @@
 // the reload while the capture runs, and the report of what is in force.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -70,6 +73,33 @@ source = {
   use_http10_get = true;
 };
 )";
+
+// The example's snapshot directory must exist for its load to pass. Tests of
+// this binary run in parallel under ctest, so one holding the directory keeps
+// another from removing it under its feet: a lock file orders them.
+class ExampleSnapDir {
+public:
+    ExampleSnapDir()
+        : lock_(open("/tmp/kst-test-var-snap.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600))
+    {
+        if (lock_ >= 0)
+            flock(lock_, LOCK_EX);
+        made_ = mkdir("/var/snap", 0755) == 0;
+    }
+    ~ExampleSnapDir()
+    {
+        if (made_)
+            rmdir("/var/snap");
+        if (lock_ >= 0)
+            close(lock_);
+    }
+    ExampleSnapDir(const ExampleSnapDir&) = delete;
+    ExampleSnapDir& operator=(const ExampleSnapDir&) = delete;
+
+private:
+    int lock_;
+    bool made_ = false;
+};
 
 // The two groups a file must have, and what the test adds inside "kst".
 std::string minimal(const std::string& extra = "")
@@ -223,14 +253,14 @@ TEST_F(Settings, ASyntaxErrorNamesTheLine)
 
 TEST_F(Settings, TheExampleFileLoadsAsItStands)
 {
-    // Its snapshot directory must exist for the load to pass.
-    const bool made = mkdir("/var/snap", 0755) == 0;
     g_cfg.instance_num = 7;
     const std::string path = conf(k_example);
     LogCapture cap(INFO_level);
-    const int rc = load_ksti_config(path.c_str(), &g_cfg, false);
-    if (made)
-        rmdir("/var/snap");
+    int rc;
+    {
+        const ExampleSnapDir snap;
+        rc = load_ksti_config(path.c_str(), &g_cfg, false);
+    }
     ASSERT_EQ(rc, 0) << cap.text();
 
     EXPECT_STREQ(g_cfg.log.path, "/var/log/kst7.log");
@@ -265,11 +295,12 @@ TEST_F(Settings, TheExampleFileLoadsAsItStands)
 
 TEST_F(Settings, TheReportOfTheExampleFile)
 {
-    const bool made = mkdir("/var/snap", 0755) == 0;
     const std::string path = conf(k_example);
-    const int rc = load_ksti_config(path.c_str(), &g_cfg, false);
-    if (made)
-        rmdir("/var/snap");
+    int rc;
+    {
+        const ExampleSnapDir snap;
+        rc = load_ksti_config(path.c_str(), &g_cfg, false);
+    }
     ASSERT_EQ(rc, 0);
     strcpy(g_cfg.src_url, "udp://239.1.1.1:5000");
     apply_log_config(&g_log, &g_cfg.log);
