@@ -1,5 +1,6 @@
 /* The floor: a bare loop of recv into one buffer, nothing else, until
- * SIGTERM; prints how many datagrams it received. */
+ * SIGTERM; prints how many datagrams it received. With a third argument it
+ * first asks for a receive buffer of that many KiB, as the peers do. */
 #include <arpa/inet.h>
 #include <signal.h>
 #include <stdint.h>
@@ -18,8 +19,8 @@ static void on_term(int sig)
 
 int main(int argc, char** argv)
 {
-    if (argc != 3) {
-        fprintf(stderr, "usage: udp_sink ADDR PORT\n");
+    if (argc != 3 && argc != 4) {
+        fprintf(stderr, "usage: udp_sink ADDR PORT [RCVBUF_KB]\n");
         return 1;
     }
     struct sigaction sa = {0};
@@ -30,6 +31,13 @@ int main(int argc, char** argv)
     at.sin_family = AF_INET;
     at.sin_port = htons((uint16_t)atoi(argv[2]));
     inet_pton(AF_INET, argv[1], &at.sin_addr);
+    if (argc == 4) {
+        const int want = atoi(argv[3]) * 1024;
+        if (setsockopt(s, SOL_SOCKET, SO_RCVBUF, &want, sizeof(want)) != 0) {
+            perror("SO_RCVBUF");
+            return 1;
+        }
+    }
     if (bind(s, (struct sockaddr*)&at, sizeof(at)) != 0) {
         perror("bind");
         return 1;
