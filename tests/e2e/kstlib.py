@@ -248,11 +248,15 @@ class KstTestCase(unittest.TestCase):
         """kst reading a live TCP source on loopback. Returns the process, the
         blocking writing end (a descriptor: os.write it, os.close it for the
         end of the stream) and the log file, once kst is in its capture loop."""
-        feed = TcpFeed()
+        feed = TcpFeed(timeout=30.0)
         log = self.path(name + ".log")
         p = self.start_kst(["-T"] + (["-q"] if quiet else []) + ["-l", log] + list(extra) + ["-i", feed.url])
         w = feed.accept()
-        self.assertIsNotNone(w, "kst never connected")
+        if w is None:
+            ended = p.poll()
+            self.fail("kst never connected: " + ("still running" if ended is None else
+                                                  f"exit {ended}, stderr {p.stderr.read()!r}") +
+                      f", log {read_text(log)!r}")
         self.awaitLog(log, "Reading (STM)")
         return p, w, log
 
