@@ -136,6 +136,20 @@ def shm_name(pid, n=1):
     return f"/dev/shm/mmr.{pid}.{n}"
 
 
+def remove_rings_of_dead(pid):
+    """A kst killed by a signal can't remove its ring; left in /dev/shm, a
+    later process given the same pid could not make its own. Removed as
+    kst-clean-rings does: only while no process has that pid."""
+    if os.path.isdir(f"/proc/{pid}"):
+        return
+    for name in os.listdir("/dev/shm"):
+        if name.startswith(f"mmr.{pid}."):
+            try:
+                os.unlink(os.path.join("/dev/shm", name))
+            except FileNotFoundError:
+                pass
+
+
 def strip_prefix(line):
     """The message part of a log line: what follows the level tag's two blanks
     and, if present, the group's."""
@@ -230,6 +244,8 @@ class KstTestCase(unittest.TestCase):
             for stream in (p.stdout, p.stderr):
                 if stream:
                     stream.close()
+            if p.returncode < 0:
+                remove_rings_of_dead(p.pid)
         shutil.rmtree(self.dir, ignore_errors=True)
 
     def path(self, name):
